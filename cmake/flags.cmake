@@ -1,0 +1,37 @@
+# torvasin_flags: what every target of the tree is compiled and linked with.
+
+add_library(torvasin_flags INTERFACE)
+target_compile_options(torvasin_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wformat=2 -Wshadow -Wconversion -Wsign-conversion -Wcast-align
+  -Wcast-qual -Wundef -Wvla -Wdouble-promotion -Wimplicit-fallthrough
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(torvasin_flags INTERFACE
+    -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wformat-overflow=2
+    -Wformat-truncation=2 -Wstrict-overflow=2
+    $<$<COMPILE_LANGUAGE:CXX>:-Wuseless-cast>)
+endif()
+
+# Hardening. _FORTIFY_SOURCE needs an optimised build and does not go with the sanitizers.
+target_compile_options(torvasin_flags INTERFACE -fstack-protector-strong -fno-plt)
+target_link_options(torvasin_flags INTERFACE
+  -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+if(TORVASIN_SANITIZE)
+  target_compile_options(torvasin_flags INTERFACE
+    -fsanitize=${TORVASIN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(torvasin_flags INTERFACE -fsanitize=${TORVASIN_SANITIZE})
+else()
+  target_compile_options(torvasin_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+endif()
+if(TORVASIN_COVERAGE)
+  target_compile_options(torvasin_flags INTERFACE -fprofile-instr-generate -fcoverage-mapping)
+  target_link_options(torvasin_flags INTERFACE -fprofile-instr-generate)
+endif()
+
+# torvasin_module_flags: the module's C++ subset, which leaves nothing of the C++ runtime to load.
+add_library(torvasin_module_flags INTERFACE)
+target_link_libraries(torvasin_module_flags INTERFACE torvasin_flags)
+target_compile_options(torvasin_module_flags INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
+  -fno-asynchronous-unwind-tables)
