@@ -1,0 +1,57 @@
+// The host's key/value list, the opaque torvasin_key_value_list of module/torvasin.h, with the
+// torvasin_keyValueListGet functions that read it:
+//  - GetS finds texts only;
+//  - GetIU finds unsigned values and signed ones, whose bits it gives as they are;
+//  - Get finds a value of any tag.
+// Each returns 0 when it finds, and 1, with the out-parameter untouched, when it does not or when
+// list or key is null.
+//
+// Not synchronised: any number of threads may read a list that nobody changes.
+
+#ifndef TORVASIN_HOST_KEY_VALUE_LIST_H
+#define TORVASIN_HOST_KEY_VALUE_LIST_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "module/torvasin.h"
+
+struct torvasin_key_value_list {
+ public:
+  struct entry {
+    torvasin_value value;
+    std::string text;  // what value.payload.text of a text value points to
+  };
+  using entries = std::map<std::string, entry, std::less<>>;
+
+  torvasin_key_value_list() = default;
+  torvasin_key_value_list(const torvasin_key_value_list&) = delete;  // values point into entries
+  torvasin_key_value_list& operator=(const torvasin_key_value_list&) = delete;
+
+  // Sets a key, replacing the value it had. Key and text are copied.
+  void set(std::string_view key, std::uint32_t number);
+  void set(std::string_view key, std::int32_t number);
+  void set(std::string_view key, float number);
+  void set(std::string_view key, std::string_view text);
+  // A literal is a text, not a bool or a number.
+  void set(std::string_view key, const char* text) { set(key, std::string_view(text)); }
+
+  void clear() { entries_.clear(); }
+
+  // The value of a key, or null. Valid until the key is set again or the list is cleared.
+  const torvasin_value* find(std::string_view key) const;
+
+  // In the order of the keys, each a pair of key and entry.
+  entries::const_iterator begin() const { return entries_.begin(); }
+  entries::const_iterator end() const { return entries_.end(); }
+
+ private:
+  entry& entry_of(std::string_view key, torvasin_value_type type);
+
+  entries entries_;
+};
+
+#endif  // TORVASIN_HOST_KEY_VALUE_LIST_H

@@ -1,0 +1,161 @@
+#include "host/memory.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "host/export.h"
+#include "module/torvasin.h"
+
+namespace torvasin_host {
+namespace {
+
+struct text_deleter {
+  void operator()(char* text) const { std::free(text); }
+};
+using owned_text = std::unique_ptr<char, text_deleter>;
+
+constexpr int fresh_pattern = 0xA5;
+
+// Blocks are counted but not listed: a list of them would keep a leak checker from seeing leaks.
+std::atomic<std::size_t> live_blocks{0};
+std::atomic<std::uint64_t> allocation_calls{0};
+
+std::mutex texts_mutex;
+std::map<std::uintptr_t, owned_text> texts;  // by the address of the record
+
+std::uintptr_t address_of(const void* memory) {
+  return reinterpret_cast<std::uintptr_t>(memory);
+}
+
+// Not inlined: the bytes past the requested size are ours too, as malloc_usable_size tells, but a
+// compiler that sees the malloc would take writing them for an overflow.
+[[gnu::noinline]] void fill(void* memory, std::size_t begin, std::size_t end) {
+  if (begin < end) std::memset(static_cast<char*>(memory) + begin, fresh_pattern, end - begin);
+}
+
+void* allocate(std::size_t size) {
+  void* memory = std::malloc(std::max<std::size_t>(size, 1));
+  if (memory == nullptr) return nullptr;
+  fill(memory, 0, malloc_usable_size(memory));
+  ++live_blocks;
+  return memory;
+}
+
+// Takes the texts of the records in the block `from` to the same offsets of the block `to`, as far
+// as its size allows, and releases the others. With a null `to` it releases them all.
+void move_texts(const void* from, std::size_t from_size, const void* to, std::size_t to_size) {
+  const std::scoped_lock lock(texts_mutex);
+  auto at = texts.lower_bound(address_of(from));
+  while (at != texts.end() && at->first < address_of(from) + from_size) {
+    auto node = texts.extract(at++);
+    const std::size_t offset = node.key() - address_of(from);
+    if (to == nullptr || offset + sizeof(torvasin_value) > to_size) continue;
+    node.key() = address_of(to) + offset;
+    texts.erase(node.key());  // left by a record in memory that was not this allocator's
+    texts.insert(std::move(node));
+  }
+}
+
+void release(void* block) {
+  move_texts(block, malloc_usable_size(block), nullptr, 0);
+  std::free(block);
+  --live_blocks;
+}
+
+// Makes `text`, or nothing when it is null, what the record owns; frees what it owned before.
+void set_owned_text(const torvasin_value* record, owned_text text) {
+  const std::scoped_lock lock(texts_mutex);
+  if (text == nullptr) {
+    texts.erase(address_of(record));
+  } else {
+    texts.insert_or_assign(address_of(record), std::move(text));
+  }
+}
+
+bool owns_text(const torvasin_value* record, const char* text) {
+  const std::scoped_lock lock(texts_mutex);
+  const auto at = texts.find(address_of(record));
+  return at != texts.end() && at->second.get() == text;
+}
+
+void write_text(torvasin_value* record, const char* text) {
+  record->type = TORVASIN_TEXT;
+  record->payload.text = text != nullptr ? text : "";
+}
+
+}  // namespace
+
+memory_stats get_memory_stats() {
+  const std::scoped_lock lock(texts_mutex);
+  return {live_blocks, texts.size(), allocation_calls};
+}
+
+void release_all_texts() {
+  const std::scoped_lock lock(texts_mutex);
+  texts.clear();
+}
+
+}  // namespace torvasin_host
+
+using namespace torvasin_host;
+
+TORVASIN_HOST_EXPORT void* torvasin_malloc(std::size_t size) {
+  ++allocation_calls;
+  return allocate(size);
+}
+
+TORVASIN_HOST_EXPORT void* torvasin_realloc(void* memory, std::size_t size) {
+  ++allocation_calls;
+  void* moved = allocate(size);
+  if (memory == nullptr || moved == nullptr) return moved;
+  const std::size_t old_size = malloc_usable_size(memory);
+  std::memcpy(moved, memory, std::min(old_size, size));
+  move_texts(memory, old_size, moved, size);
+  release(memory);
+  return moved;
+}
+
+TORVASIN_HOST_EXPORT void torvasin_free(void* memory) {
+  if (memory != nullptr) release(memory);
+}
+
+TORVASIN_HOST_EXPORT void torvasin_valueInitUInt32(torvasin_value* value, std::uint32_t number) {
+  set_owned_text(value, nullptr);
+  value->type = TORVASIN_UINT32;
+  value->payload.uint32 = number;
+}
+
+TORVASIN_HOST_EXPORT void torvasin_valueInitInt32(torvasin_value* value, std::int32_t number) {
+  set_owned_text(value, nullptr);
+  value->type = TORVASIN_INT32;
+  value->payload.int32 = number;
+}
+
+TORVASIN_HOST_EXPORT void torvasin_valueInitFloat(torvasin_value* value, float number) {
+  set_owned_text(value, nullptr);
+  value->type = TORVASIN_FLOAT;
+  value->payload.float32 = number;
+}
+
+TORVASIN_HOST_EXPORT void torvasin_valueInitS(torvasin_value* value, const char* text) {
+  owned_text copy(text != nullptr ? strdup(text) : nullptr);
+  const char* kept = copy.get();
+  set_owned_text(value, std::move(copy));
+  write_text(value, kept);
+}
+
+TORVASIN_HOST_EXPORT void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
+  if (!owns_text(value, text)) {
+    const bool taken = owned != 0 && text != nullptr;
+    if (taken) --live_blocks;
+    set_owned_text(value, owned_text(taken ? text : nullptr));
+  }
+  write_text(value, text);
+}

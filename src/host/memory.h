@@ -1,0 +1,44 @@
+// The host's allocator and its value records. Implements torvasin_malloc, torvasin_realloc,
+// torvasin_free and the torvasin_valueInit functions of module/torvasin.h, all callable from any
+// thread. One record is one caller's at a time.
+//
+// The allocator is strict, so that nobody comes to rely on luck: fresh memory, the grown tail of a
+// block included, is filled with a non-zero pattern, and torvasin_realloc always moves the block. A
+// size of 0 counts as 1: a result is null only for want of memory, and a failed torvasin_realloc
+// leaves the old block as it was.
+//
+// Who owns a text: the ADDRESS of the record that holds it. One ordered map, record address ->
+// text, keeps them, and the content of a record is never read, so a record may hold anything before
+// its first init.
+//  - An init at an address releases what that address owned. Its new text may be the old one:
+//    torvasin_valueInitS copies first, and torvasin_valueInitTakeS then leaves it owned.
+//  - torvasin_realloc moves the ownership of every record inside the block with the block, and
+//    releases the texts of the records that a smaller block cuts off.
+//  - torvasin_free releases the texts of the records inside the block.
+//  - release_all_texts, when the engine ends, releases the rest.
+// A record copied by assignment shares the text of the original and does not own it.
+//
+// A null text is kept as an empty one, and so is a text that there is no memory to copy.
+
+#ifndef TORVASIN_HOST_MEMORY_H
+#define TORVASIN_HOST_MEMORY_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace torvasin_host {
+
+struct memory_stats {
+  std::size_t live_blocks;         // blocks allocated and neither freed nor taken as a text
+  std::size_t live_texts;          // texts that records own, copied or taken
+  std::uint64_t allocation_calls;  // calls of torvasin_malloc and torvasin_realloc since the start
+};
+
+memory_stats get_memory_stats();
+
+// Frees every text that a record still owns. No such record may be read afterwards.
+void release_all_texts();
+
+}  // namespace torvasin_host
+
+#endif  // TORVASIN_HOST_MEMORY_H

@@ -1,0 +1,105 @@
+#include "host/meter_engine.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+
+#include "host/export.h"
+
+namespace torvasin_host {
+
+void* meter_engine::add_callback(int speed, torvasin_meter_callback callback, void* user) {
+  if ((speed != TORVASIN_SLOW && speed != TORVASIN_FAST) || callback == nullptr) return nullptr;
+  const std::scoped_lock lock(mutex_);
+  registrations_.emplace(++last_id_, registration{speed, callback, user});
+  return reinterpret_cast<void*>(last_id_);
+}
+
+bool meter_engine::is_idle(std::uintptr_t id) const {
+  const auto at = registrations_.find(id);
+  return at == registrations_.end() || at->second.calls == 0;
+}
+
+void meter_engine::remove_callback(void* handle) {
+  const auto id = reinterpret_cast<std::uintptr_t>(handle);
+  std::unique_lock lock(mutex_);
+  const auto at = registrations_.find(id);
+  if (at == registrations_.end()) return;
+  at->second.leaving = true;
+  // Another removal of the same handle may erase the record meanwhile: it is looked up anew.
+  idle_.wait(lock, [&] { return is_idle(id); });
+  registrations_.erase(id);
+}
+
+void meter_engine::publish(int speed, const torvasin_key_value_list& list) {
+  std::unique_lock lock(mutex_);
+  // The record of a call in progress is never erased, and the lock is held again before the loop
+  // leaves it: the iteration survives additions and removals during the call.
+  for (auto& [id, record] : registrations_) {
+    if (record.speed != speed || record.leaving) continue;
+    ++record.calls;
+    lock.unlock();
+    record.callback(&list, record.user);
+    lock.lock();
+    if (--record.calls == 0 && record.leaving) idle_.notify_all();
+  }
+}
+
+std::size_t meter_engine::registrations() const {
+  const std::scoped_lock lock(mutex_);
+  return registrations_.size();
+}
+
+void meter_engine::start(unsigned fast_ms, unsigned slow_ms, const meter_source& source) {
+  stop();
+  stopping_ = false;
+  const auto start_one = [&](int speed, unsigned period_ms) {
+    threads_.emplace_back(&meter_engine::run, this, speed, std::chrono::milliseconds(period_ms),
+                          source);
+  };
+  start_one(TORVASIN_FAST, fast_ms);
+  start_one(TORVASIN_SLOW, slow_ms);
+}
+
+void meter_engine::stop() {
+  {
+    const std::scoped_lock lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  for (std::thread& thread : threads_) thread.join();
+  threads_.clear();
+}
+
+void meter_engine::run(int speed, std::chrono::milliseconds period, const meter_source& source) {
+  using clock = std::chrono::steady_clock;
+  pthread_setname_np(pthread_self(), speed == TORVASIN_FAST ? "meters-fast" : "meters-slow");
+
+  torvasin_key_value_list list;
+  auto next = clock::now();
+  std::unique_lock lock(mutex_);
+  while (!stopping_) {
+    lock.unlock();
+    list.clear();
+    source(speed, list);
+    publish(speed, list);
+    next = std::max(next + period, clock::now());  // periods missed are not made up for
+    lock.lock();
+    wake_.wait_until(lock, next, [this] { return stopping_; });
+  }
+}
+
+}  // namespace torvasin_host
+
+using torvasin_host::meter_engine;
+
+TORVASIN_HOST_EXPORT void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
+                                                                   torvasin_meter_callback callback,
+                                                                   void* user) {
+  if (engine == nullptr) return nullptr;
+  return static_cast<meter_engine*>(engine)->add_callback(speed, callback, user);
+}
+
+TORVASIN_HOST_EXPORT void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {
+  if (engine != nullptr) static_cast<meter_engine*>(engine)->remove_callback(registration);
+}

@@ -1,0 +1,81 @@
+// The meter engine: keeps the meter callbacks of modules, calls them with new values, and runs the
+// two threads that sample the meters. Its address is the engine of a plug-in context; implements
+// torvasin_engine_addCallbackMeterManager and torvasin_engine_rmCallbackMeterManager of
+// module/torvasin.h.
+
+#ifndef TORVASIN_HOST_METER_ENGINE_H
+#define TORVASIN_HOST_METER_ENGINE_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "host/key_value_list.h"
+#include "module/torvasin.h"
+
+namespace torvasin_host {
+
+// Fills an empty list with the current values of a speed. Each meter thread calls a copy of its
+// own, always for the same speed.
+using meter_source = std::function<void(int speed, torvasin_key_value_list& list)>;
+
+class meter_engine {
+ public:
+  meter_engine() = default;
+  meter_engine(const meter_engine&) = delete;
+  meter_engine& operator=(const meter_engine&) = delete;
+  ~meter_engine() { stop(); }
+
+  // Adds a callback to the set of a speed. Returns its handle, which no later registration gets
+  // again, or null when the speed is unknown or the callback null. From any thread.
+  void* add_callback(int speed, torvasin_meter_callback callback, void* user);
+
+  // Takes a callback out. Returns when no call of it is in progress, so it must not be called from
+  // the callback itself. Null and unknown handles do nothing. From any thread.
+  void remove_callback(void* handle);
+
+  // Calls every callback of the speed on this thread. From any number of threads at once; the
+  // engine is not locked during a call, so callbacks may add and remove others.
+  void publish(int speed, const torvasin_key_value_list& list);
+
+  std::size_t registrations() const;
+
+  // Starts the threads meters-fast and meters-slow. Each samples its set and publishes it at once
+  // and then once per period, in milliseconds. Throws std::system_error when a thread cannot start.
+  void start(unsigned fast_ms, unsigned slow_ms, const meter_source& source);
+
+  // Ends the threads without waiting for their periods. Does nothing when none is running. start
+  // and stop belong to one thread.
+  void stop();
+
+ private:
+  struct registration {
+    int speed;
+    torvasin_meter_callback callback;
+    void* user;
+    unsigned calls = 0;    // in progress; the record stays in the map while there are any
+    bool leaving = false;  // being removed: no new calls
+  };
+
+  bool is_idle(std::uintptr_t id) const;
+  void run(int speed, std::chrono::milliseconds period, const meter_source& source);
+
+  mutable std::mutex mutex_;  // guards registrations_ and stopping_
+  std::condition_variable idle_;
+  std::map<std::uintptr_t, registration> registrations_;  // by handle
+  std::uintptr_t last_id_ = 0;
+
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace torvasin_host
+
+#endif  // TORVASIN_HOST_METER_ENGINE_H

@@ -1,0 +1,55 @@
+// The host's meters: readings of this machine, each in exactly one of the two sets, fast and slow.
+
+#ifndef TORVASIN_HOST_METERS_H
+#define TORVASIN_HOST_METERS_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+
+#include "host/key_value_list.h"
+#include "module/torvasin.h"
+
+namespace torvasin_host {
+
+// What readers keep from one reading to the next.
+struct meter_state {
+  std::optional<std::uint32_t> available_kib;  // of memory.available_change_kib alone
+};
+
+// Takes a reading, or none when the system does not give one.
+template <typename value_type>
+using meter_reader = std::optional<value_type> (*)(meter_state& state);
+
+struct meter {
+  const char* name;         // the key in a list
+  torvasin_speed speed;     // the set it lives in
+  const char* description;  // one line, with the unit
+  // In the order of the tags, so that the kind of the reader tells the tag.
+  std::variant<meter_reader<std::uint32_t>, meter_reader<std::int32_t>, meter_reader<float>,
+               meter_reader<std::string>>
+      read;
+
+  constexpr torvasin_value_type type() const {
+    return static_cast<torvasin_value_type>(read.index());
+  }
+};
+
+// Every meter, in the order of the names. Lives for ever.
+std::span<const meter> all_meters();
+
+class meter_sampler {
+ public:
+  // Sets the keys of all meters of a speed in the list; a reading that fails leaves its key as it
+  // was, so that it is missing from an empty list. Readings of one speed belong to one thread.
+  void sample(int speed, torvasin_key_value_list& list);
+
+ private:
+  meter_state state_;
+};
+
+}  // namespace torvasin_host
+
+#endif  // TORVASIN_HOST_METERS_H

@@ -1,0 +1,33 @@
+// The command line of torvasin_host.
+
+#ifndef TORVASIN_HOST_OPTIONS_H
+#define TORVASIN_HOST_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace torvasin_host {
+
+struct options {
+  std::optional<std::string> module;  // path; when absent, the module that goes with the program
+  std::optional<std::string> conf_file;
+  std::optional<std::uint32_t> affinity;
+  std::optional<std::int32_t> renice;
+  std::string name = "snmp";
+  unsigned fast_ms = 100;
+  unsigned slow_ms = 1000;
+  int log_level = 2;  // enum torvasin_log_level; 5 logs nothing
+  bool version = false;
+};
+
+// Exit statuses of the program.
+enum exit_status { exit_good = 0, exit_failure = 1, exit_usage = 2 };
+
+// Reads the command line. Returns nothing when the program is to go on, else, after a help text on
+// standard output or one line on standard error, the status to exit with.
+std::optional<exit_status> parse_options(int argc, const char* const* argv, options& parsed);
+
+}  // namespace torvasin_host
+
+#endif  // TORVASIN_HOST_OPTIONS_H
