@@ -1,0 +1,149 @@
+// The module itself: what the host loads, and everything between the host and the SNMP agent
+// proper.
+//
+// Threads and lock. The host's threads run the four entries, one at a time, and the meter
+// callbacks, at any moment between their registration and their removal. One poller thread answers
+// datagrams. `lock` is the only lock: the poller holds it while it handles a datagram, the send
+// included, a meter callback for a whole refresh. The item tables change shape only inside
+// startCycle and stopCycle, when neither runs.
+//
+// Ownership. The host owns the context, its lists and the allocator; the module owns snmp_module,
+// which owns the two tables, the formulas and the socket. Nothing is allocated while datagrams are
+// answered. Unless a function says otherwise it returns 0 for success, -1 for failure, and has
+// logged its reason.
+
+#ifndef TORVASIN_SNMP_MAINSNMP_H
+#define TORVASIN_SNMP_MAINSNMP_H
+
+#include <netinet/in.h>
+#include <pthread.h>
+#include <tinyexpr.h>
+
+#include "../torvasin.h"
+#include "snmp/snmp_item.h"
+
+constexpr size_t ITEM_NAME_SIZE = 64;  // with the terminating zero, as the two below
+constexpr size_t METER_NAME_SIZE = 128;
+constexpr size_t IP_TEXT_SIZE = 16;     // "255.255.255.255"
+constexpr size_t OID_TEXT_SUBIDS = 19;  // sub-identifiers that the configuration may give an OID
+constexpr uint32_t MAX_OPEN_FILES =
+    16;  // configuration files open at a time, one including another
+
+// What an item serves. The numbers are those of the value tags that carry it.
+enum snmp_item_type : uint32_t {
+  ITEM_UINT = TORVASIN_UINT32,  // Counter32
+  ITEM_INT = TORVASIN_INT32,    // INTEGER
+  ITEM_STRING = TORVASIN_TEXT,  // OCTET STRING
+};
+
+struct snmp_module;
+
+// The meter side of a configured item; its SNMP side is the snmp_item of the same index.
+struct snmp_meter_binding {
+  char name[ITEM_NAME_SIZE];    // the section's name without "ITEM_"
+  char meter[METER_NAME_SIZE];  // key under which the host publishes the meter; may be empty
+  uint32_t fast;                // the enum torvasin_speed that refreshes it
+  uint32_t type;                // enum snmp_item_type
+  te_expr* formula;             // owned, or null; never on a string item once linked
+  torvasin_value value;         // current, raw: tag 0 or 2 (uint), 1 or 2 (int), 3 (string)
+  snmp_module* module;          // the owner, for its formula variable
+  uint32_t refreshed;           // mark of one refresh pass, without meaning outside it
+};
+
+// The module's whole state, hung on the context's private_data.
+struct snmp_module {
+  int32_t affinity;       // CPU mask of the poller, bit i for CPU i; -1 for none
+  int32_t renice;         // niceness increment of the poller; 0 for none
+  uint16_t port;          // host byte order
+  char ip[IP_TEXT_SIZE];  // IPv4 address to bind, dotted
+  int32_t fd;             // the UDP socket; -1 once closed
+  void* fast_cb;          // registrations of the meter callbacks, or null
+  void* slow_cb;
+  pthread_t thread;  // the poller
+  int32_t run;       // 1 while the poller is to go on; read and written atomically
+  pthread_mutex_t lock;
+  snmp_meter_binding* bindings;  // owned, item_count entries, in order of creation
+  snmp_item* items;              // owned, item_count entries
+  uint32_t item_count;
+  double formula_value;      // the formulas' variable, set before each evaluation, under lock
+  te_variable formula_vars;  // binds the name "value" to formula_value
+  uint32_t lock_created;     // 1 while lock is to be destroyed
+  uint32_t thread_created;   // 1 while thread is to be joined
+  uint32_t open_files;       // configuration files that are being read, one inside another
+};
+
+// The send context of the poller: the requester of the datagram at hand.
+struct snmp_send_ctx {
+  sockaddr_in peer;
+  int32_t fd;
+};
+
+// ---- Item store, used by the thread that runs startCycle or stopCycle --------------------------
+
+// The index of the item of this name, created when there is none: a uint item of value 0 that
+// answers NULL. Negative, and nothing changed, for a name above 63 characters or without memory.
+// May move both tables.
+int32_t get_or_create_item(snmp_module* module, const char* name);
+
+// Joins the two halves of every item once the configuration is read, and checks them: warns of
+// items without a meter, drops formulas of string items, fails at the first item without an OID.
+int32_t link_snmp_items(snmp_module* module);
+
+// Frees formulas and tables. Text values are the host's to release.
+void release_items(snmp_module* module);
+
+// The snmp_value_writers of the item types; the context is the item's snmp_meter_binding. They run
+// under the lock and apply the item's formula to its raw value at each call. Results beyond the
+// type's range give its nearest end, NaN gives 0, fractions are cut off. The string writer refuses
+// a text above BER_MAX_LENGTH when it is to write it.
+int32_t encode_item_int(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
+int32_t encode_item_uint(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
+int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
+
+// ---- Meter refresh, on the host's meter threads ------------------------------------------------
+
+// Takes over the current value of every item of a speed from a list. An item whose meter is
+// missing, or of a tag that its type does not take, keeps its value. Returns the result of the
+// unlock, 0, or the error of a lock that could not be taken; then nothing is touched.
+int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed);
+
+// What startCycle registers for the two speeds; user is the context.
+int meter_callback_slow(const torvasin_key_value_list* list, void* user);
+int meter_callback_fast(const torvasin_key_value_list* list, void* user);
+
+// ---- Configuration, on the thread that runs startCycle -----------------------------------------
+
+// Reads a file and those that it includes into the module. A faulty line is reported and left out;
+// the rest holds. -1 when the file cannot be read or a line is no ini line, or when it would be
+// open inside MAX_OPEN_FILES others.
+int32_t parse_config_file(torvasin_plugin_context* context, const char* path);
+
+// inih's callback for one key line; user is the context. Always 1, so that the reading goes on.
+int ini_handler_cb(void* user, const char* section, const char* key, const char* value);
+
+// Reads "int:N", "uint:N" or "string:TEXT" into a value; else -1 and the value untouched, without a
+// message unless only the number is at fault.
+int32_t parse_default_value(torvasin_value* value, const char* text);
+
+// Reads a dotted OID of 1 to 19 sub-identifiers, the first two of which must fit one octet on the
+// wire (first * 40 + second up to 127); else -1 and an empty OID, without a message.
+int32_t parse_oid(const char* text, snmp_oid* oid);
+
+// ---- Poller ------------------------------------------------------------------------------------
+
+// The poller thread; its argument is the context, its result null.
+void* module_thread_loop(void* context);
+
+// The poller's send callback; the context is an snmp_send_ctx. Sends once; always 0.
+int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length);
+
+// ---- Entries, called by the host through the descriptor ----------------------------------------
+
+#define TORVASIN_EXPORT __attribute__((visibility("default")))
+
+extern "C" {
+extern TORVASIN_EXPORT const torvasin_plugin_entry plugin_entry_0_6;
+extern TORVASIN_EXPORT const char* const plugin_entry_torvasin_module_version;
+}
+
+#endif  // TORVASIN_SNMP_MAINSNMP_H
