@@ -38,8 +38,8 @@ TEST(values, unsigned_numbers) {
       {4294967295, "41 05 00 FF FF FF FF"},
   };
   for (const auto& [value, hex] : rows) {
-    EXPECT_EQ(hex,
-              to_hex(encoded(get_uintlen(value), [&](uint8_t* at) { encode_uint(at, value); })));
+    EXPECT_EQ(
+        hex, to_hex(encoded(get_uintlen(value), [v = value](uint8_t* at) { encode_uint(at, v); })));
   }
   EXPECT_EQ("43 02 01 2C", to_hex(encoded(4, [](uint8_t* at) { encode_timeticks(at, 300); })));
   EXPECT_EQ("42 01 07", to_hex(encoded(3, [](uint8_t* at) { encode_uint_type(at, 7, 0x42); })));
@@ -64,7 +64,8 @@ TEST(values, signed_numbers) {
       {INT32_MIN, "02 04 80 00 00 00"},
   };
   for (const auto& [value, hex] : rows) {
-    EXPECT_EQ(hex, to_hex(encoded(get_intlen(value), [&](uint8_t* at) { encode_int(at, value); })));
+    EXPECT_EQ(hex,
+              to_hex(encoded(get_intlen(value), [v = value](uint8_t* at) { encode_int(at, v); })));
   }
 }
 

@@ -55,12 +55,6 @@ octets build(const request_parts& parts) {
              from_hex(parts.version) + from_hex(parts.community) + tlv(parts.pdu_tag, pdu));
 }
 
-std::string null_varbind(const snmp_oid& oid) {
-  octets name(get_oidlen(oid.subid, oid.count));
-  encode_snmp_oid(name.data(), oid.subid, oid.count);
-  return to_hex(tlv(0x30, name + octets{0x05, 0x00})) + " ";
-}
-
 snmp_oid oid_of(std::initializer_list<uint32_t> subids) {
   snmp_oid oid = {};
   std::copy(subids.begin(), subids.end(), oid.subid);

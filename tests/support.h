@@ -33,8 +33,12 @@ struct request_parts {
 };
 octets build(const request_parts& parts);
 
-// The varbind of an OID with the value NULL, in hex.
-std::string null_varbind(const snmp_oid& oid);
+// The varbind of an OID with the value NULL, in hex. Inline, for programs without the codec.
+inline std::string null_varbind(const snmp_oid& oid) {
+  octets name(get_oidlen(oid.subid, oid.count));
+  encode_snmp_oid(name.data(), oid.subid, oid.count);
+  return to_hex(tlv(0x30, name + octets{0x05, 0x00})) + " ";
+}
 
 snmp_oid oid_of(std::initializer_list<uint32_t> subids);
 

@@ -1,0 +1,41 @@
+// A client on a loopback socket, for tests that ask a real agent.
+
+#ifndef TORVASIN_TESTS_UDP_CLIENT_H
+#define TORVASIN_TESTS_UDP_CLIENT_H
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "strict_reader.h"
+#include "support.h"
+
+class udp_client {
+ public:
+  // Talks to the address that an agent's socket is bound to.
+  explicit udp_client(int agent_socket, timeval patience = {2, 0}) {
+    sockaddr_in agent = {};
+    socklen_t length = sizeof agent;
+    getsockname(agent_socket, reinterpret_cast<sockaddr*>(&agent), &length);
+    connect(fd_, reinterpret_cast<sockaddr*>(&agent), sizeof agent);
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  }
+  ~udp_client() { close(fd_); }
+  udp_client(const udp_client&) = delete;
+  udp_client& operator=(const udp_client&) = delete;
+
+  void tell(const octets& datagram) { send(fd_, datagram.data(), datagram.size(), 0); }
+
+  // The answer as describe() puts it, "silence" when none comes.
+  std::string ask(const octets& datagram) {
+    tell(datagram);
+    uint8_t answer[2048];
+    const ssize_t length = recv(fd_, answer, sizeof answer, 0);
+    return length < 0 ? "silence" : describe(answer, static_cast<size_t>(length));
+  }
+
+ private:
+  int fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+};
+
+#endif  // TORVASIN_TESTS_UDP_CLIENT_H
