@@ -1,8 +1,8 @@
+# shellcheck shell=bash disable=SC2034
 # Sourced by the scripts beside it: strict mode, `root` (the tree, which becomes the working
 # directory), `caller` (the working directory until then) and the functions below.
 
 set -euo pipefail
-# shellcheck disable=SC2034  # for those who source this
 caller=$PWD
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"

@@ -89,7 +89,7 @@ TORVASIN_HOST_EXPORT void torvasin_log(int level, const char* source, int line, 
   auto length = static_cast<std::size_t>(std::max(result, 0));
   if (length >= sizeof text) {
     length = sizeof text - 1;
-    std::memcpy(text + length - 3, "...", 3);
+    std::memcpy(text + length - 3, "...", 3);  // NOLINT(bugprone-not-null-terminated-result)
   }
   const std::scoped_lock lock(sink_mutex);
   current_sink({level, source, line, flag, {text, length}}, current_user);

@@ -12,7 +12,7 @@ void* meter_engine::add_callback(int speed, torvasin_meter_callback callback, vo
   if ((speed != TORVASIN_SLOW && speed != TORVASIN_FAST) || callback == nullptr) return nullptr;
   const std::scoped_lock lock(mutex_);
   registrations_.emplace(++last_id_, registration{speed, callback, user});
-  return reinterpret_cast<void*>(last_id_);
+  return reinterpret_cast<void*>(last_id_);  // NOLINT(performance-no-int-to-ptr): never followed
 }
 
 bool meter_engine::is_idle(std::uintptr_t id) const {
