@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <ini.h>
 #include <math.h>
 #include <sched.h>
@@ -92,7 +93,7 @@ number item_number(const snmp_meter_binding* binding) {
 }  // namespace
 
 int32_t get_or_create_item(snmp_module* module, const char* name) {
-  for (uint32_t i = 0; module->bindings != nullptr && i < module->item_count; i++) {
+  for (uint32_t i = 0; i < module->item_count; i++) {
     if (strcmp(module->bindings[i].name, name) == 0) return static_cast<int32_t>(i);
   }
   if (strlen(name) >= ITEM_NAME_SIZE) {
@@ -165,7 +166,7 @@ int32_t encode_item_uint(ber_tlv* destination, size_t capacity, size_t* size_out
 int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_out, void* context) {
   const torvasin_value* value = &static_cast<snmp_meter_binding*>(context)->value;
   const char* text = "";
-  if (value->type == TORVASIN_TEXT) {
+  if (value->type == TORVASIN_TEXT && value->payload.text != nullptr) {
     text = value->payload.text;
   } else {
     SNMP_LOG(FAILURE, "programming error %d", __LINE__);
@@ -211,17 +212,15 @@ void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) 
 int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed) {
   const int32_t locked = retry(pthread_mutex_lock, &module->lock);
   if (locked != 0) return locked;
-  if (module->bindings != nullptr) {
-    for (uint32_t i = 0; i < module->item_count; i++) {
-      module->bindings[i].refreshed = module->bindings[i].fast != speed;
-    }
-    for (uint32_t i = 0; i < module->item_count; i++) {
-      snmp_meter_binding* binding = &module->bindings[i];
-      if (binding->refreshed != 0) continue;
-      const torvasin_value* meter = nullptr;
-      if (torvasin_keyValueListGet(list, binding->meter, &meter) != 0) continue;
-      take_meter_value(binding, meter);
-    }
+  for (uint32_t i = 0; i < module->item_count; i++) {
+    module->bindings[i].refreshed = (module->bindings[i].fast != speed);
+  }
+  for (uint32_t i = 0; i < module->item_count; i++) {
+    snmp_meter_binding* binding = &module->bindings[i];
+    if (binding->refreshed != 0) continue;
+    const torvasin_value* meter = nullptr;
+    if (torvasin_keyValueListGet(list, binding->meter, &meter) != 0) continue;
+    take_meter_value(binding, meter);
   }
   return retry(pthread_mutex_unlock, &module->lock);
 }
@@ -457,11 +456,14 @@ int ini_handler_cb(void* user, const char* section, const char* key, const char*
 
 int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
   snmp_module* module = module_of(context);
-  // A file that includes itself would go on until the process has no descriptor left.
-  if (module->open_files == MAX_OPEN_FILES) {
-    SNMP_LOG(ERROR, "%s not read: includes nested deeper than %u files", path, MAX_OPEN_FILES);
+  // A file that includes itself would go on until the process has no descriptor left, and one that
+  // does so twice would take for ever even within a depth.
+  if (module->open_files == MAX_OPEN_FILES || module->files_read == MAX_FILES) {
+    SNMP_LOG(ERROR, "%s not read: more than %u files inside one another or %u in all", path,
+             MAX_OPEN_FILES, MAX_FILES);
     return -1;
   }
+  module->files_read++;
   module->open_files++;
   const int32_t result = read_config_file(context, path);
   module->open_files--;
@@ -474,6 +476,9 @@ namespace {
 
 constexpr char poller[] = "module_thread_loop";
 constexpr int mask_cpus = 32;  // CPUs that an affinity mask can name
+
+// Set while a poller exists. All instances in the process share the pipeline's two records.
+std::atomic<bool> poller_exists;
 
 bool running(snmp_module* module) {
   return std::atomic_ref<int32_t>(module->run).load() == 1;
@@ -505,7 +510,7 @@ void apply_affinity(int32_t affinity) {
     }
     SNMP_LOG(WARNING, "%s: affinity to %08x", poller, mask);
   }
-  usleep(1);
+  usleep(1);  // gives way, so that the thread goes on where it may run now
 }
 
 void apply_niceness(int32_t renice) {
@@ -569,7 +574,7 @@ void* module_thread_loop(void* argument) {
       handle_datagram(module, &sender, packet, static_cast<size_t>(received));
     } else if (received < 0 && errno != EAGAIN) {
       SNMP_LOG(TRACE, "%s(%p) error receive: %d %s", poller, argument, errno, strerror(errno));
-      usleep(1);
+      usleep(1);  // an error that lasts must not take the whole CPU
     }
   }
   SNMP_LOG(TRACE, "%s(%p) end", poller, argument);
@@ -596,6 +601,7 @@ int32_t create_lock(snmp_module* module) {
   if (pthread_mutexattr_setprotocol(&attribute, PTHREAD_PRIO_INHERIT) != 0) {
     SNMP_LOG(FAILURE, "error set lock attribute protocol");
   }
+  // Where the kernel has no priority inheritance this leaves the zeroed mutex, a plain usable one.
   pthread_mutex_init(&module->lock, &attribute);
   module->lock_created = 1;
   pthread_mutexattr_destroy(&attribute);
@@ -609,7 +615,9 @@ const char* read_host_keys(snmp_module* module, const torvasin_key_value_list* l
   module->renice = 0;
   if (list == nullptr) return path;
   uint32_t number;
-  if (torvasin_keyValueListGetS(list, "conf_file", &path) == 0) {
+  const char* text;
+  if (torvasin_keyValueListGetS(list, "conf_file", &text) == 0) {
+    path = text;
     SNMP_LOG(TRACE, "replace configurationfile with %s", path);
   }
   if (torvasin_keyValueListGetIU(list, "affinity", &number) == 0 &&
@@ -668,7 +676,7 @@ int32_t start_module(torvasin_plugin_context* context, snmp_module* module,
   const char* path = read_host_keys(module, list);
   // Without its file the agent still binds and answers.
   if (parse_config_file(context, path) != 0) SNMP_LOG(ERROR, "problem parsing %s", path);
-  if (module->bindings != nullptr && link_snmp_items(module) != 0) return -1;
+  if (module->item_count != 0 && link_snmp_items(module) != 0) return -1;
   if (bind_socket(module) != 0) return -1;
   return register_callbacks(context, module);
 }
@@ -699,6 +707,7 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
     torvasin_free(module);
     return -1;
   }
+  fcntl(module->fd, F_SETFD, FD_CLOEXEC);  // a child of the host must not keep the port
   context->private_data = module;
   module->formula_vars = {"value", &module->formula_value, TE_VARIABLE, nullptr};
   if (start_module(context, module, list) == 0) return 0;
@@ -713,8 +722,14 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
 void startThread(torvasin_plugin_context* context) {
   snmp_module* module = module_of(context);
   set_running(module, 1);
+  if (poller_exists.exchange(true)) {
+    SNMP_LOG(FAILURE, "%s: %s stays without a poller, another instance has one", __func__,
+             context->name);
+    return;
+  }
   if (pthread_create(&module->thread, nullptr, module_thread_loop, context) != 0) {
     SNMP_LOG(FAILURE, "not possible to poller thread");
+    poller_exists = false;
     return;
   }
   module->thread_created = 1;
@@ -731,6 +746,7 @@ void preStopCycle(torvasin_plugin_context* context) {
   if (module->thread_created == 0) return;
   if (pthread_join(module->thread, nullptr) != 0) SNMP_LOG(TRACE, "error join thread");
   module->thread_created = 0;
+  poller_exists = false;
 }
 
 void stopCycle(torvasin_plugin_context* context, int32_t n) {

@@ -5,7 +5,8 @@
 // callbacks, at any moment between their registration and their removal. One poller thread answers
 // datagrams. `lock` is the only lock: the poller holds it while it handles a datagram, the send
 // included, a meter callback for a whole refresh. The item tables change shape only inside
-// startCycle and stopCycle, when neither runs.
+// startCycle and stopCycle, when neither runs. Several instances may be started in one process, but
+// only one at a time has a poller, since all share the pipeline's request and response records.
 //
 // Ownership. The host owns the context, its lists and the allocator; the module owns snmp_module,
 // which owns the two tables, the formulas and the socket. Nothing is allocated while datagrams are
@@ -25,9 +26,11 @@
 constexpr size_t ITEM_NAME_SIZE = 64;  // with the terminating zero, as the two below
 constexpr size_t METER_NAME_SIZE = 128;
 constexpr size_t IP_TEXT_SIZE = 16;     // "255.255.255.255"
-constexpr size_t OID_TEXT_SUBIDS = 19;  // sub-identifiers that the configuration may give an OID
-constexpr uint32_t MAX_OPEN_FILES =
-    16;  // configuration files open at a time, one including another
+constexpr size_t OID_TEXT_SUBIDS = 19;  // of a configured OID; one less than snmp_oid holds
+
+// Configuration files: open at a time, one including another, and read in one start.
+constexpr uint32_t MAX_OPEN_FILES = 16;
+constexpr uint32_t MAX_FILES = 256;
 
 // What an item serves. The numbers are those of the value tags that carry it.
 enum snmp_item_type : uint32_t {
@@ -47,7 +50,7 @@ struct snmp_meter_binding {
   te_expr* formula;             // owned, or null; never on a string item once linked
   torvasin_value value;         // current, raw: tag 0 or 2 (uint), 1 or 2 (int), 3 (string)
   snmp_module* module;          // the owner, for its formula variable
-  uint32_t refreshed;           // mark of one refresh pass, without meaning outside it
+  uint32_t refreshed;           // 1 once a refresh pass is done with it; read by nothing else
 };
 
 // The module's whole state, hung on the context's private_data.
@@ -70,6 +73,7 @@ struct snmp_module {
   uint32_t lock_created;     // 1 while lock is to be destroyed
   uint32_t thread_created;   // 1 while thread is to be joined
   uint32_t open_files;       // configuration files that are being read, one inside another
+  uint32_t files_read;       // in this start
 };
 
 // The send context of the poller: the requester of the datagram at hand.
@@ -103,8 +107,8 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
 // ---- Meter refresh, on the host's meter threads ------------------------------------------------
 
 // Takes over the current value of every item of a speed from a list. An item whose meter is
-// missing, or of a tag that its type does not take, keeps its value. Returns the result of the
-// unlock, 0, or the error of a lock that could not be taken; then nothing is touched.
+// missing, or of a tag that its type does not take, keeps its value. Returns 0, the result of
+// the unlock, or the error of a lock that could not be taken; then nothing is touched.
 int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed);
 
 // What startCycle registers for the two speeds; user is the context.
@@ -114,8 +118,8 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user);
 // ---- Configuration, on the thread that runs startCycle -----------------------------------------
 
 // Reads a file and those that it includes into the module. A faulty line is reported and left out;
-// the rest holds. -1 when the file cannot be read or a line is no ini line, or when it would be
-// open inside MAX_OPEN_FILES others.
+// the rest holds. -1 when the file cannot be read or a line is no ini line, or when it would
+// be open inside MAX_OPEN_FILES others or come after MAX_FILES.
 int32_t parse_config_file(torvasin_plugin_context* context, const char* path);
 
 // inih's callback for one key line; user is the context. Always 1, so that the reading goes on.

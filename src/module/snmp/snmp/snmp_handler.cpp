@@ -30,6 +30,10 @@ enum class answer {
   full,          // an item found and no varbind left for it
 };
 
+bool ends_request(answer one) {
+  return one == answer::no_such_name || one == answer::full;
+}
+
 // Answers the OID at one position of the request.
 answer answer_oid(const request_kind& kind, const snmp_item* items, uint32_t item_count,
                   const snmp_request* request, uint64_t position, snmp_response* response) {
@@ -54,28 +58,27 @@ answer answer_oid(const request_kind& kind, const snmp_item* items, uint32_t ite
   return answer::exception;
 }
 
-// Answers the first count OIDs of the request, once each. Returns the answer that ended it early,
-// or that of the last.
+// Answers the first count OIDs of the request, once each. Returns the answer that ended it, or
+// answer::item when none did.
 answer answer_each(const request_kind& kind, const snmp_item* items, uint32_t item_count,
                    const snmp_request* request, uint64_t count, snmp_response* response) {
-  answer last = answer::exception;
   for (uint64_t i = 0; i < count; i++) {
-    last = answer_oid(kind, items, item_count, request, i, response);
-    if (last == answer::full || last == answer::no_such_name) break;
+    const answer one = answer_oid(kind, items, item_count, request, i, response);
+    if (ends_request(one)) return one;
   }
-  return last;
+  return answer::item;
 }
 
 }  // namespace
 
-int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count,
-                                const snmp_request* request, snmp_response* response) {
+int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count, snmp_request* request,
+                                snmp_response* response) {
   const answer last = answer_each(get, items, item_count, request, request->oid_count, response);
   return last == answer::full ? -1 : 0;
 }
 
 int32_t minimal_snmp_handle_getnext(const snmp_item* items, uint32_t item_count,
-                                    const snmp_request* request, snmp_response* response) {
+                                    snmp_request* request, snmp_response* response) {
   const answer last =
       answer_each(getnext, items, item_count, request, request->oid_count, response);
   return last == answer::full ? -1 : 0;
@@ -95,7 +98,7 @@ int32_t minimal_snmp_handle_getbulk(const snmp_item* items, uint32_t item_count,
     advanced = false;
     for (uint64_t i = first_repeater; i < request->oid_count; i++) {
       const answer one = answer_oid(getbulk, items, item_count, request, i, response);
-      if (one == answer::full || one == answer::no_such_name) return 0;
+      if (ends_request(one)) return 0;
       if (one != answer::item) continue;
       request->oid[i] = response->varbind[response->varbind_count - 1].oid;
       advanced = true;

@@ -17,12 +17,12 @@
 #include "snmp_msg_protocol.h"
 
 // Each OID itself; noSuchObject where there is none.
-int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count,
-                                const snmp_request* request, snmp_response* response);
+int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count, snmp_request* request,
+                                snmp_response* response);
 
 // The successor of each OID; endOfMibView where there is none.
 int32_t minimal_snmp_handle_getnext(const snmp_item* items, uint32_t item_count,
-                                    const snmp_request* request, snmp_response* response);
+                                    snmp_request* request, snmp_response* response);
 
 // GETNEXT once for the first non_repeaters OIDs, then max_repetitions times over for the others,
 // the request's entries of which advance to what was found. Stops early after a repetition that

@@ -14,10 +14,6 @@ uint64_t common_prefix(const snmp_oid* a, const snmp_oid* b) {
   return i;
 }
 
-bool equal_oid(const snmp_oid* a, const snmp_oid* b) {
-  return a->count == b->count && memcmp(a->subid, b->subid, a->count * sizeof a->subid[0]) == 0;
-}
-
 int32_t store(const snmp_item* item, const snmp_item** found) {
   if (found != nullptr) *found = item;
   return item != nullptr ? 0 : -1;
@@ -31,41 +27,54 @@ int32_t compare_oid(const snmp_oid* a, const snmp_oid* b) {
   return a->count == b->count ? 0 : a->count < b->count ? -1 : 1;
 }
 
-// The items of a table share a long prefix, so an item is told from the wanted OID by its last two
-// sub-identifiers; only one that has both is compared in full.
+// The items of a table share a long prefix and differ in a few places. An item is first looked at
+// where the last one that came this far differed, which tells most of them from the wanted OID; the
+// rest are compared in full.
 int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
                        const snmp_item** found) {
-  const uint64_t last = oid->count > 0 ? oid->count - 1 : 0;
-  const uint64_t next_to_last = last > 0 ? last - 1 : 0;
+  uint64_t telling = oid->count > 0 ? oid->count - 1 : 0;
   for (uint32_t i = 0; i < item_count; i++) {
     const snmp_oid* candidate = &items[i].oid;
-    if (candidate->subid[last] == oid->subid[last] &&
-        candidate->subid[next_to_last] == oid->subid[next_to_last] && equal_oid(candidate, oid)) {
-      return store(&items[i], found);
-    }
+    if (candidate->subid[telling] != oid->subid[telling]) continue;
+    const uint64_t same = common_prefix(candidate, oid);
+    if (same == oid->count && same == candidate->count) return store(&items[i], found);
+    if (same < oid->count) telling = same;
   }
   return store(nullptr, found);
 }
 
-// An item that lies between the given OID and the best so far begins with all that these two have
-// in common, and its next sub-identifier lies between theirs. That one sub-identifier tells most
-// items apart; only those within its range are compared in full. Where the given OID ends, the
-// range starts at 0.
-int32_t find_next_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
-                            const snmp_item** found) {
-  const snmp_item* best = nullptr;
-  uint64_t at = 0;
-  uint32_t low = 0;
-  uint32_t range = UINT32_MAX;
-  for (uint32_t i = 0; i < item_count; i++) {
-    const snmp_oid* candidate = &items[i].oid;
-    if (candidate->subid[at] - low > range) continue;
-    if (compare_oid(candidate, oid) <= 0) continue;
-    if (best != nullptr && compare_oid(candidate, &best->oid) > 0) continue;
-    best = &items[i];
+// An item between the given OID and the best so far begins with all that these two have in common,
+// and its next sub-identifier lies between theirs. That one sub-identifier tells most items apart;
+// only those within its bounds are compared in full.
+struct successor_search {
+  const snmp_oid* oid;
+  const snmp_item* best;
+  uint64_t at;     // where oid and best part
+  uint32_t low;    // the sub-identifier of oid there, 0 where oid ends
+  uint32_t range;  // that of best less low
+
+  void take(const snmp_item* item) {
+    best = item;
     at = common_prefix(oid, &best->oid);
     low = at < oid->count ? oid->subid[at] : 0;
     range = best->oid.subid[at] - low;
   }
-  return store(best, found);
+};
+
+// The last item of a table in OID order follows whatever has a successor, so it bounds the search
+// from the start. Taken out of turn it gives way to an equal one before it and is taken again last.
+int32_t find_next_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
+                            const snmp_item** found) {
+  successor_search search = {oid, nullptr, 0, 0, UINT32_MAX};
+  if (item_count > 0 && compare_oid(&items[item_count - 1].oid, oid) > 0) {
+    search.take(&items[item_count - 1]);
+  }
+  for (uint32_t i = 0; i < item_count; i++) {
+    const snmp_oid* candidate = &items[i].oid;
+    if (candidate->subid[search.at] - search.low > search.range) continue;
+    if (compare_oid(candidate, oid) <= 0) continue;
+    if (search.best != nullptr && compare_oid(candidate, &search.best->oid) > 0) continue;
+    search.take(&items[i]);
+  }
+  return store(search.best, found);
 }

@@ -13,14 +13,14 @@ namespace {
 constexpr char log_source[] = "src/module/snmp/snmp/snmp_msg_protocol";
 
 // The steps of a message's decoding and encoding log under these names.
-constexpr char decode_request[] = "decode_snmp_request";
-constexpr char encode_response[] = "encode_snmp_response";
-constexpr char encode_varbind[] = "encode_snmp_varbind";
+constexpr char decoder_name[] = "decode_snmp_request";
+constexpr char encoder_name[] = "encode_snmp_response";
+constexpr char varbind_name[] = "encode_snmp_varbind";
 
 // Logs why and gives the status to return.
 #define REFUSE(...) (SNMP_LOG(ERROR, __VA_ARGS__), -1)
 
-// Sizes that messages print with %u; all are far below 2^32.
+// Sizes that messages print with %u; in the agent all are far below 2^32.
 constexpr unsigned printed(size_t n) {
   return static_cast<unsigned>(n);
 }
@@ -109,6 +109,7 @@ int32_t decode_integer(const char* name, const uint8_t* datagram, size_t size, s
 
 int32_t decode_len(const uint8_t* datagram, size_t size, size_t* cursor, uint32_t* tag,
                    size_t* length) {
+  *tag = 0;
   *length = 0;
   const uint8_t* octet = take(datagram, size, cursor, 1);
   if (octet == nullptr) {
@@ -227,10 +228,9 @@ bool reaches_end(const request_reader* in) {
 
 int32_t read_message_header(request_reader* in) {
   if (read_header(in) != 0) return -1;
-  if (in->tag != BER_SEQUENCE)
-    return REFUSE("%s: type %02X not supported", decode_request, in->tag);
+  if (in->tag != BER_SEQUENCE) return REFUSE("%s: type %02X not supported", decoder_name, in->tag);
   if (!reaches_end(in)) {
-    return REFUSE("%s: package size does not match len:%zu size:%zu pos:%zu", decode_request,
+    return REFUSE("%s: package size does not match len:%zu size:%zu pos:%zu", decoder_name,
                   in->length, in->size, in->cursor);
   }
   return 0;
@@ -239,14 +239,14 @@ int32_t read_message_header(request_reader* in) {
 int32_t read_version(request_reader* in, int32_t* version) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_INTEGER) {
-    return REFUSE("%s: type %02X not supported for version", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for version", decoder_name, in->tag);
   }
   if (in->length != 1) {
-    return REFUSE("%s: size %zu not supported for version", decode_request, in->length);
+    return REFUSE("%s: size %zu not supported for version", decoder_name, in->length);
   }
   if (decode_int(in->datagram, in->size, &in->cursor, in->length, version) != 0) return -1;
   if (*version != SNMP_V1 && *version != SNMP_V2C) {
-    return REFUSE("%s: version %d not supported yet", decode_request, *version);
+    return REFUSE("%s: version %d not supported yet", decoder_name, *version);
   }
   return 0;
 }
@@ -254,16 +254,16 @@ int32_t read_version(request_reader* in, int32_t* version) {
 int32_t read_community(request_reader* in, char community[SNMP_COMMUNITY_SIZE]) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_OCTET_STRING) {
-    return REFUSE("%s: type %02X not supported for community", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for community", decoder_name, in->tag);
   }
   if (in->length >= SNMP_COMMUNITY_SIZE) {
-    return REFUSE("%s: size %zu not supported for community", decode_request, in->length);
+    return REFUSE("%s: size %zu not supported for community", decoder_name, in->length);
   }
   size_t count;
   if (decode_str(in->datagram, in->size, &in->cursor, in->length, community, &count) != 0) {
     return -1;
   }
-  if (count == 0) return REFUSE("%s: unsupported empty community", decode_request);
+  if (count == 0) return REFUSE("%s: unsupported empty community", decoder_name);
   return 0;
 }
 
@@ -271,10 +271,10 @@ int32_t read_pdu_header(request_reader* in, uint32_t* pdu_type) {
   if (read_header(in) != 0) return -1;
   if (!reaches_end(in)) {
     return REFUSE("%s: package size does not match len:%zu size:%zu pos:%zu (reading type)",
-                  decode_request, in->length, in->size, in->cursor);
+                  decoder_name, in->length, in->size, in->cursor);
   }
   if (in->tag != PDU_GET && in->tag != PDU_GETNEXT && in->tag != PDU_GETBULK) {
-    return REFUSE("%s: type 0x%x not yet supported", decode_request, in->tag);
+    return REFUSE("%s: type 0x%x not yet supported", decoder_name, in->tag);
   }
   *pdu_type = in->tag;
   return 0;
@@ -283,10 +283,10 @@ int32_t read_pdu_header(request_reader* in, uint32_t* pdu_type) {
 int32_t read_id(request_reader* in, int32_t* id) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_INTEGER) {
-    return REFUSE("%s: type %02X not supported for id", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for id", decoder_name, in->tag);
   }
   if (in->length == 0) {
-    return REFUSE("%s: size %zu not supported for id", decode_request, in->length);
+    return REFUSE("%s: size %zu not supported for id", decoder_name, in->length);
   }
   return decode_int(in->datagram, in->size, &in->cursor, in->length, id);
 }
@@ -294,10 +294,10 @@ int32_t read_id(request_reader* in, int32_t* id) {
 int32_t read_non_repeaters(request_reader* in, uint32_t* non_repeaters) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_INTEGER) {
-    return REFUSE("%s: type %02X not supported for non repeaters", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for non repeaters", decoder_name, in->tag);
   }
   if (in->length == 0) {
-    return REFUSE("%s: size %zu not supported for non repeaters", decode_request, in->length);
+    return REFUSE("%s: size %zu not supported for non repeaters", decoder_name, in->length);
   }
   return decode_uint(in->datagram, in->size, &in->cursor, in->length, non_repeaters);
 }
@@ -305,10 +305,10 @@ int32_t read_non_repeaters(request_reader* in, uint32_t* non_repeaters) {
 int32_t read_max_repetitions(request_reader* in, uint32_t* max_repetitions) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_INTEGER) {
-    return REFUSE("%s: type %02X not supported for max repeaters", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for max repeaters", decoder_name, in->tag);
   }
   if (in->length == 0) {
-    return REFUSE("%s: size %zu not supported for max repeaters", decode_request, in->length);
+    return REFUSE("%s: size %zu not supported for max repeaters", decoder_name, in->length);
   }
   return decode_uint(in->datagram, in->size, &in->cursor, in->length, max_repetitions);
 }
@@ -316,11 +316,11 @@ int32_t read_max_repetitions(request_reader* in, uint32_t* max_repetitions) {
 int32_t read_variables_header(request_reader* in) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_SEQUENCE) {
-    return REFUSE("%s: type %02X not supported for variables", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for variables", decoder_name, in->tag);
   }
   if (!reaches_end(in)) {
     return REFUSE("%s: package size does not match len:%zu size:%zu pos:%zu for variables",
-                  decode_request, in->length, in->size, in->cursor);
+                  decoder_name, in->length, in->size, in->cursor);
   }
   return 0;
 }
@@ -330,26 +330,26 @@ int32_t read_variables_header(request_reader* in) {
 int32_t read_varbind(request_reader* in, snmp_oid* name) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_SEQUENCE) {
-    return REFUSE("%s: type %02X not supported for variable", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for variable", decoder_name, in->tag);
   }
   if (in->length == 0) {
     return REFUSE("%s: package size does not match len:%zu size:%zu pos:%zu for variable",
-                  decode_request, in->length, in->size, in->cursor);
+                  decoder_name, in->length, in->size, in->cursor);
   }
 
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_OBJECT_IDENTIFIER) {
-    return REFUSE("%s: type %02X not supported for variable oid", decode_request, in->tag);
+    return REFUSE("%s: type %02X not supported for variable oid", decoder_name, in->tag);
   }
   if (in->length == 0) {
     return REFUSE("%s: package size does not match len:%zu size:%zu pos:%zu for variable oid",
-                  decode_request, in->length, in->size, in->cursor);
+                  decoder_name, in->length, in->size, in->cursor);
   }
   if (decode_oid(in->datagram, in->size, &in->cursor, in->length, name) != 0) return -1;
 
   if (read_header(in) != 0) return -1;
   if ((in->tag == BER_NULL) != (in->length == 0)) {
-    return REFUSE("%s: only value NULL can have zero byte len", decode_request);
+    return REFUSE("%s: only value NULL can have zero byte len", decoder_name);
   }
   return decode_discart(in->size, &in->cursor, static_cast<int32_t>(in->length));
 }
@@ -358,7 +358,7 @@ int32_t read_varbinds(request_reader* in, snmp_request* request) {
   request->oid_count = 0;
   while (in->cursor < in->size) {
     if (request->oid_count == SNMP_MAX_REQUEST_OIDS) {
-      return REFUSE("%s: too much OID list %u", decode_request, printed(request->oid_count));
+      return REFUSE("%s: too much OID list %u", decoder_name, printed(request->oid_count));
     }
     if (read_varbind(in, &request->oid[request->oid_count]) != 0) return -1;
     request->oid_count++;
@@ -504,7 +504,7 @@ size_t get_oidlen(const uint32_t* subid, size_t count) {
 }
 
 int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t count) {
-  *destination = BER_OBJECT_IDENTIFIER;
+  *destination = BER_OBJECT_IDENTIFIER;  // stands even where the length does not
   const size_t content = oid_content(subid, count);
   if (content > BER_MAX_LENGTH) return REFUSE("%s: OID not convertible", __func__);
   uint8_t* at = write_header(destination, BER_OBJECT_IDENTIFIER, content);
@@ -526,9 +526,9 @@ struct tail_writer {
 };
 
 // The one way to room in the buffer: the n octets in front of what is written, or null when fewer
-// are free.
+// are free or n is 0, the size of a header that cannot be.
 uint8_t* make_room(tail_writer* out, size_t n) {
-  if (out->position < n) return nullptr;
+  if (n == 0 || out->position < n) return nullptr;
   out->position -= n;
   return out->buffer + out->position;
 }
@@ -537,8 +537,7 @@ size_t written(const tail_writer* out) {
   return out->size - out->position;
 }
 
-// These put one element in front of what is written, or return false when there is no room. The
-// content of a header is at most BER_MAX_LENGTH.
+// These put one element in front of what is written, or return false when there is no room.
 
 bool prepend_header(tail_writer* out, uint8_t tag, size_t content) {
   uint8_t* room = make_room(out, header_size(content));
@@ -563,26 +562,26 @@ int32_t encode_snmp_varbind(tail_writer* out, const snmp_varbind* varbind) {
   size_t value_size = 0;
   varbind->writer(nullptr, 0, &value_size, varbind->writer_ctx);
   uint8_t* room = make_room(out, value_size);
-  if (room == nullptr) return REFUSE("%s: no space in buffer for DATA", encode_varbind);
+  if (room == nullptr) return REFUSE("%s: no space in buffer for DATA", varbind_name);
   if (varbind->writer(room, value_size, nullptr, varbind->writer_ctx) != 0) {
-    return REFUSE("%s: no space in buffer for DATA :-(", encode_varbind);
+    return REFUSE("%s: no space in buffer for DATA :-(", varbind_name);
   }
 
   room = make_room(out, get_oidlen(varbind->oid.subid, varbind->oid.count));
-  if (room == nullptr) return REFUSE("%s: no space in buffer for OID", encode_varbind);
+  if (room == nullptr) return REFUSE("%s: no space in buffer for OID", varbind_name);
   if (encode_snmp_oid(room, varbind->oid.subid, varbind->oid.count) != 0) return -1;
 
   const size_t content = end - out->position;
   if (content > BER_MAX_LENGTH) return -1;
   if (!prepend_header(out, BER_SEQUENCE, content)) {
-    return REFUSE("%s: no space in buffer for VARBIND", encode_varbind);
+    return REFUSE("%s: no space in buffer for VARBIND", varbind_name);
   }
   return 0;
 }
 
 // An error response names what was asked for, with NULL values, whatever was found before.
 int32_t fill_error_varbinds(const snmp_request* request, snmp_response* response) {
-  if (request->oid_count > SNMP_MAX_VARBINDS) return REFUSE("%s: too much oid", encode_response);
+  if (request->oid_count > SNMP_MAX_VARBINDS) return REFUSE("%s: too much oid", encoder_name);
   for (uint64_t i = 0; i < request->oid_count; i++) {
     response->varbind[i].oid = request->oid[i];
     response->varbind[i].writer = encode_null;
@@ -597,20 +596,20 @@ int32_t encode_pdu(tail_writer* out, const snmp_request* request, const snmp_res
   }
   if (written(out) > BER_MAX_LENGTH) return -1;
   if (!prepend_header(out, BER_SEQUENCE, written(out))) {
-    return REFUSE("%s: VARBINDS not fit in buffer", encode_response);
+    return REFUSE("%s: VARBINDS not fit in buffer", encoder_name);
   }
   if (!prepend_int(out, response->error_index)) {
-    return REFUSE("%s: ERROR INDEX not fit in buffer", encode_response);
+    return REFUSE("%s: ERROR INDEX not fit in buffer", encoder_name);
   }
   if (!prepend_int(out, response->error_status)) {
-    return REFUSE("%s: ERROR STATUS not fit in buffer", encode_response);
+    return REFUSE("%s: ERROR STATUS not fit in buffer", encoder_name);
   }
   if (!prepend_int(out, request->id)) {
-    return REFUSE("%s: ID not fit in buffer", encode_response);
+    return REFUSE("%s: ID not fit in buffer", encoder_name);
   }
   if (written(out) > BER_MAX_LENGTH) return -1;
   if (!prepend_header(out, PDU_RESPONSE, written(out))) {
-    return REFUSE("%s: PDU not fit in buffer", encode_response);
+    return REFUSE("%s: PDU not fit in buffer", encoder_name);
   }
   return 0;
 }
@@ -627,14 +626,14 @@ int32_t encode_snmp_response(const snmp_request* request, snmp_response* respons
   tail_writer out = {buffer, size, size};
   if (encode_pdu(&out, request, response) != 0) return -1;
   if (!prepend_str(&out, request->community, strnlen(request->community, SNMP_COMMUNITY_SIZE))) {
-    return REFUSE("%s: COMMUNITY not fit in buffer", encode_response);
+    return REFUSE("%s: COMMUNITY not fit in buffer", encoder_name);
   }
   if (!prepend_int(&out, request->ver)) {
-    return REFUSE("%s: VERSION not fit in buffer", encode_response);
+    return REFUSE("%s: VERSION not fit in buffer", encoder_name);
   }
   if (written(&out) > BER_MAX_LENGTH) return -1;
   if (!prepend_header(&out, BER_SEQUENCE, written(&out))) {
-    return REFUSE("%s: HEADER not fit in buffer", encode_response);
+    return REFUSE("%s: HEADER not fit in buffer", encoder_name);
   }
   *data = buffer + out.position;
   *length = written(&out);

@@ -18,7 +18,7 @@
 // Everything here works on the caller's memory, allocates nothing and takes no lock. The functions
 // are re-entrant, but the agent keeps one request and one response, which only its poller thread
 // uses. Results are 0 for success and -1 for failure unless a function says otherwise; a failing
-// function has logged why.
+// function has logged why, but for value writers and a message above BER_MAX_LENGTH.
 
 #ifndef TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
 #define TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
@@ -133,8 +133,9 @@ int32_t decode_snmp_request(snmp_request* request, const uint8_t* datagram, size
 // past what it consumed; no octet at or past size is ever read, whatever cursor and length say.
 // After a failure the cursor's place is of no use.
 
-// A tag that SNMP uses and a definite length of at most two octets (0x80 counts as 0). The length
-// is not compared with what remains.
+// One of the tags accepted in a request (not IpAddress, Opaque, Counter64, the SNMPv1 trap or
+// Report) and a definite length of at most two octets (0x80 counts as 0). The length is not
+// compared with what remains.
 int32_t decode_len(const uint8_t* datagram, size_t size, size_t* cursor, uint32_t* tag,
                    size_t* length);
 
@@ -193,13 +194,13 @@ int32_t encode_null(ber_tlv* destination, size_t capacity, size_t* size_out, voi
 // ---- OID encoding ------------------------------------------------------------------------------
 //
 // 06, length, first * 40 + second in one octet, then each further sub-identifier in base-128
-// groups, most significant first, all but the last with 0x80 added. Both read subid[0] and subid[1]
-// whatever the count is.
+// groups, most significant first, all but the last with 0x80 added.
 
 // All octets of the encoding; SIZE_MAX, with a message, when its content exceeds BER_MAX_LENGTH.
 size_t get_oidlen(const uint32_t* subid, size_t count);
 
 // Writes the octets that get_oidlen counts. Fails, after the tag octet, where get_oidlen fails.
+// Reads subid[0] and subid[1] whatever the count is.
 int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t count);
 
 // ---- Response encoder --------------------------------------------------------------------------
