@@ -474,19 +474,27 @@ int32_t encode_null(ber_tlv* destination, size_t capacity, size_t* size_out, voi
 
 namespace {
 
+// Base-128 groups of a sub-identifier.
 size_t subid_groups(uint32_t subid) {
   return 1u + (subid >= 1u << 7) + (subid >= 1u << 14) + (subid >= 1u << 21) + (subid >= 1u << 28);
 }
 
+// Most sub-identifiers are below 128 and take one group; both loops over them go by that.
+constexpr uint32_t two_groups = 1u << 7;
+
 size_t oid_content(const uint32_t* subid, size_t count) {
-  size_t content = 1;
-  for (size_t i = 2; i < count; i++) content += subid_groups(subid[i]);
+  size_t content = count > 2 ? count - 1 : 1;
+  for (size_t i = 2; i < count; i++) {
+    if (subid[i] >= two_groups) content += subid_groups(subid[i]) - 1;
+  }
   return content;
 }
 
 uint8_t* write_subid(uint8_t* destination, uint32_t subid) {
-  for (size_t shift = 7 * (subid_groups(subid) - 1); shift > 0; shift -= 7) {
-    *destination++ = static_cast<uint8_t>(subid >> shift | 0x80);
+  if (subid >= two_groups) {
+    for (size_t shift = 7 * (subid_groups(subid) - 1); shift > 0; shift -= 7) {
+      *destination++ = static_cast<uint8_t>(subid >> shift | 0x80);
+    }
   }
   *destination++ = static_cast<uint8_t>(subid & 0x7F);
   return destination;
