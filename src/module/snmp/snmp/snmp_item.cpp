@@ -6,12 +6,22 @@
 
 namespace {
 
-// The first position at which the two OIDs differ or one of them ends.
-uint64_t common_prefix(const snmp_oid* a, const snmp_oid* b) {
+// The first position from `at` on where the two OIDs differ or one of them ends.
+uint64_t parting(const snmp_oid* a, const snmp_oid* b, uint64_t at) {
   const uint64_t shorter = std::min(a->count, b->count);
-  uint64_t i = 0;
-  while (i < shorter && a->subid[i] == b->subid[i]) i++;
-  return i;
+  while (at < shorter && a->subid[at] == b->subid[at]) at++;
+  return at;
+}
+
+// compare_oid for two OIDs that agree up to `at`.
+int32_t compare_from(const snmp_oid* a, const snmp_oid* b, uint64_t at) {
+  at = parting(a, b, at);
+  if (at < a->count && at < b->count) return a->subid[at] < b->subid[at] ? -1 : 1;
+  return a->count == b->count ? 0 : a->count < b->count ? -1 : 1;
+}
+
+bool same_subids(const snmp_oid* a, const snmp_oid* b, uint64_t count) {
+  return memcmp(a->subid, b->subid, count * sizeof a->subid[0]) == 0;
 }
 
 int32_t store(const snmp_item* item, const snmp_item** found) {
@@ -22,9 +32,7 @@ int32_t store(const snmp_item* item, const snmp_item** found) {
 }  // namespace
 
 int32_t compare_oid(const snmp_oid* a, const snmp_oid* b) {
-  const uint64_t i = common_prefix(a, b);
-  if (i < a->count && i < b->count) return a->subid[i] < b->subid[i] ? -1 : 1;
-  return a->count == b->count ? 0 : a->count < b->count ? -1 : 1;
+  return compare_from(a, b, 0);
 }
 
 // The items of a table share a long prefix and differ in a few places. An item is first looked at
@@ -36,45 +44,47 @@ int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_o
   for (uint32_t i = 0; i < item_count; i++) {
     const snmp_oid* candidate = &items[i].oid;
     if (candidate->subid[telling] != oid->subid[telling]) continue;
-    const uint64_t same = common_prefix(candidate, oid);
-    if (same == oid->count && same == candidate->count) return store(&items[i], found);
-    if (same < oid->count) telling = same;
+    if (candidate->count == oid->count && same_subids(candidate, oid, oid->count)) {
+      return store(&items[i], found);
+    }
+    const uint64_t parted = parting(candidate, oid, 0);
+    if (parted < oid->count) telling = parted;
   }
   return store(nullptr, found);
 }
 
+namespace {
+
 // An item between the given OID and the best so far begins with all that these two have in common,
 // and its next sub-identifier lies between theirs. That one sub-identifier tells most items apart;
-// only those within its bounds are compared in full.
+// only those within its bounds are looked at in full.
 struct successor_search {
   const snmp_oid* oid;
-  const snmp_item* best;
-  uint64_t at;     // where oid and best part
-  uint32_t low;    // the sub-identifier of oid there, 0 where oid ends
-  uint32_t range;  // that of best less low
+  const snmp_item* best = nullptr;
+  uint64_t at = 0;              // where oid and best part
+  uint32_t low = 0;             // the sub-identifier of oid there, 0 where oid ends
+  uint32_t range = UINT32_MAX;  // that of best less low
 
-  void take(const snmp_item* item) {
+  void look_at(const snmp_item* item) {
+    if (item->oid.subid[at] - low > range || !same_subids(&item->oid, oid, at)) return;
+    if (compare_from(&item->oid, oid, at) <= 0) return;
+    if (best != nullptr && compare_from(&item->oid, &best->oid, at) > 0) return;
     best = item;
-    at = common_prefix(oid, &best->oid);
+    at = parting(oid, &best->oid, at);
     low = at < oid->count ? oid->subid[at] : 0;
     range = best->oid.subid[at] - low;
   }
 };
 
+}  // namespace
+
 // The last item of a table in OID order follows whatever has a successor, so it bounds the search
-// from the start. Taken out of turn it gives way to an equal one before it and is taken again last.
+// from the start. Looked at out of turn it gives way to an equal one before it, and is taken again
+// when its turn comes.
 int32_t find_next_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
                             const snmp_item** found) {
-  successor_search search = {oid, nullptr, 0, 0, UINT32_MAX};
-  if (item_count > 0 && compare_oid(&items[item_count - 1].oid, oid) > 0) {
-    search.take(&items[item_count - 1]);
-  }
-  for (uint32_t i = 0; i < item_count; i++) {
-    const snmp_oid* candidate = &items[i].oid;
-    if (candidate->subid[search.at] - search.low > search.range) continue;
-    if (compare_oid(candidate, oid) <= 0) continue;
-    if (search.best != nullptr && compare_oid(candidate, &search.best->oid) > 0) continue;
-    search.take(&items[i]);
-  }
+  successor_search search = {oid};
+  if (item_count > 0) search.look_at(&items[item_count - 1]);
+  for (uint32_t i = 0; i < item_count; i++) search.look_at(&items[i]);
   return store(search.best, found);
 }
