@@ -1,4 +1,5 @@
-// torvasin_host: runs a module in this process until SIGINT or SIGTERM.
+// torvasin_host: runs a module in this process until SIGINT or SIGTERM, or tells about it, its
+// configuration or the meters.
 
 #include <pthread.h>
 
@@ -8,6 +9,7 @@
 #include <iostream>
 #include <string>
 
+#include "host/check.h"
 #include "host/key_value_list.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -15,6 +17,7 @@
 #include "host/meters.h"
 #include "host/options.h"
 #include "host/plugin.h"
+#include "host/report.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
@@ -64,8 +67,8 @@ void report_leaks(std::size_t registrations) {
                "the module left %zu memory blocks and %zu meter callbacks", blocks, registrations);
 }
 
-exit_status run(const options& given, const sigset_t& end_signals, plugin& module,
-                meter_engine& engine) {
+exit_status run(const options& given, plugin& module, meter_engine& engine) {
+  const sigset_t end_signals = block_end_signals();
   torvasin_key_value_list list;
   set_host_keys(given, list);
   const std::int32_t status = module.start(list);
@@ -83,8 +86,14 @@ exit_status run(const options& given, const sigset_t& end_signals, plugin& modul
   return exit_good;
 }
 
+exit_status check(const options& given, plugin& module) {
+  const std::string fallback = given.conf_file.value_or("snmpmanager.ini");
+  return check_configuration(module, given.check_file.empty() ? fallback : given.check_file)
+             ? exit_good
+             : exit_failure;
+}
+
 exit_status host(const options& given) {
-  const sigset_t end_signals = block_end_signals();
   set_log_level(given.log_level);
 
   meter_engine engine;
@@ -96,7 +105,7 @@ exit_status host(const options& given) {
     std::cout << "torvasin_host " TORVASIN_HOST_VERSION "\nmodule " << module.version() << '\n';
     return exit_good;
   }
-  const exit_status status = run(given, end_signals, module, engine);
+  const exit_status status = given.check ? check(given, module) : run(given, module, engine);
   module.unload();
   release_all_texts();
   report_leaks(engine.registrations());
@@ -111,7 +120,10 @@ int main(int argc, char** argv) {
   try {
     options given;
     const auto early = parse_options(argc, argv, given);
-    return early ? *early : host(given);
+    if (early) return *early;
+    if (!given.list_meters) return host(given);
+    list_meters();
+    return exit_good;
   } catch (const std::exception& error) {
     return fail(error.what());
   }

@@ -1,26 +1,42 @@
 #include "host/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
+
+#include "module/torvasin.h"
 
 namespace torvasin_host {
 namespace {
 
 constexpr unsigned longest_period_ms = 3'600'000;
+constexpr std::size_t longest_name = sizeof torvasin_plugin_context::name - 1;
+constexpr int most_niceness = 39;  // from the least to the greatest
 
-void add_options(CLI::App& app, options& parsed) {
+std::string name_fault(const std::string& name) {
+  if (name.size() <= longest_name) return "";
+  return "longer than " + std::to_string(longest_name) + " characters";
+}
+
+void add_run_options(CLI::App& app, options& parsed) {
   const CLI::Range period(1U, longest_period_ms);
   app.add_option("--module", parsed.module, "Module to load (default: the one of this program)")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->check(CLI::ExistingFile);
   app.add_option("--conf-file", parsed.conf_file, "Configuration file of the module")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->check(CLI::ExistingFile);
   app.add_option("--name", parsed.name, "Name of the module instance")
       ->type_name("NAME")
+      ->check(name_fault)
       ->capture_default_str();
   app.add_option("--affinity", parsed.affinity, "Processors of the module's thread, decimal or 0x")
-      ->type_name("MASK");
+      ->type_name("MASK")
+      ->check(CLI::Range(1U, unsigned{INT32_MAX}));
   app.add_option("--renice", parsed.renice, "Change of the nice value of the module's thread")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(CLI::Range(-most_niceness, most_niceness));
   app.add_option("--fast-ms", parsed.fast_ms, "Period of the fast meters, milliseconds")
       ->type_name("N")
       ->check(period)
@@ -34,7 +50,25 @@ void add_options(CLI::App& app, options& parsed) {
       ->type_name("N")
       ->check(CLI::Range(1, 5))
       ->capture_default_str();
-  app.add_flag("--version", parsed.version, "Print the versions of this program and of the module");
+}
+
+// What the program does instead of running the module.
+void add_modes(CLI::App& app, options& parsed) {
+  auto* version = app.add_flag("--version", parsed.version,
+                               "Print the versions of this program and of the module");
+  auto* list = app.add_flag("--list-meters", parsed.list_meters,
+                            "Print the meters of this machine with their values");
+  auto* check = app.add_option("--check", parsed.check_file,
+                               "Check a configuration file without running the module\n"
+                               "(default: that of --conf-file, else snmpmanager.ini)");
+  check->type_name("[FILE]")->expected(0, 1);
+  list->excludes(version);
+  check->excludes(version)->excludes(list);
+}
+
+// An empty argument, such as a variable of a shell that is not set, names nothing.
+bool has_empty(int argc, const char* const* argv) {
+  return std::any_of(argv, argv + argc, [](const char* argument) { return *argument == '\0'; });
 }
 
 }  // namespace
@@ -43,9 +77,12 @@ std::optional<exit_status> parse_options(int argc, const char* const* argv, opti
   CLI::App app("Loads a module, feeds it meters of this machine, and runs until SIGINT or SIGTERM.",
                "torvasin_host");
   app.set_help_flag("--help", "Print this text");
-  add_options(app, parsed);
+  add_run_options(app, parsed);
+  add_modes(app, parsed);
   try {
+    if (has_empty(argc, argv)) throw CLI::ValidationError("an argument is empty");
     app.parse(argc, argv);
+    parsed.check = app.count("--check") > 0;
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return exit_good;

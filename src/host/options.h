@@ -19,6 +19,9 @@ struct options {
   unsigned slow_ms = 1000;
   int log_level = 2;  // enum torvasin_log_level; 5 logs nothing
   bool version = false;
+  bool list_meters = false;
+  bool check = false;
+  std::string check_file;  // what to check; empty for conf_file, or else the module's own default
 };
 
 // Exit statuses of the program.
