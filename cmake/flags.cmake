@@ -24,6 +24,10 @@ else()
   target_compile_options(torvasin_flags INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
 endif()
+if(TORVASIN_FUZZ)
+  target_compile_options(torvasin_flags INTERFACE
+    -fsanitize=fuzzer-no-link,float-cast-overflow -fno-sanitize-recover=all)
+endif()
 if(TORVASIN_COVERAGE)
   target_compile_options(torvasin_flags INTERFACE -fprofile-instr-generate -fcoverage-mapping)
   target_link_options(torvasin_flags INTERFACE -fprofile-instr-generate)
