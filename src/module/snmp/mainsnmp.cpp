@@ -518,16 +518,20 @@ void apply_niceness(int32_t renice) {
   if (niceness != 0) SNMP_LOG(TRACE, "%s: new nice %d", poller, niceness);
 }
 
-void log_received_from(const sockaddr_in* peer) {
-  char address[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &peer->sin_addr, address, sizeof address);
-  SNMP_LOG(TRACE, "received from: %s:%u\n", address, static_cast<unsigned>(ntohs(peer->sin_port)));
+const char* address_of(const sockaddr_in* peer, char (&text)[INET_ADDRSTRLEN]) {
+  return inet_ntop(AF_INET, &peer->sin_addr, text, sizeof text);
+}
+
+unsigned port_of(const sockaddr_in* peer) {
+  return ntohs(peer->sin_port);
 }
 
 // Answers one datagram, from and into the same packet buffer.
 void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
                      uint8_t (&packet)[SNMP_MAX_DATAGRAM], size_t received) {
-  log_received_from(&sender->peer);
+  char address[INET_ADDRSTRLEN];
+  SNMP_LOG(TRACE, "received from: %s:%u\n", address_of(&sender->peer, address),
+           port_of(&sender->peer));
   const int32_t locked = retry(pthread_mutex_lock, &module->lock);
   if (locked != 0) {
     SNMP_LOG(FAILURE, "%s: datagram dropped, no lock: %d %s", poller, locked, strerror(locked));
@@ -544,9 +548,7 @@ int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length) 
   const snmp_send_ctx* sender = static_cast<snmp_send_ctx*>(context);
   SNMP_LOG(TRACE, "%s(%d,...,%u)", __func__, sender->fd, static_cast<unsigned>(length));
   char address[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &sender->peer.sin_addr, address, sizeof address);
-  SNMP_LOG(TRACE, "sending to: %s %u", address,
-           static_cast<unsigned>(ntohs(sender->peer.sin_port)));
+  SNMP_LOG(TRACE, "sending to: %s %u", address_of(&sender->peer, address), port_of(&sender->peer));
   const ssize_t sent =
       sendto(sender->fd, message, length, MSG_CONFIRM,
              reinterpret_cast<const sockaddr*>(&sender->peer), sizeof sender->peer);
