@@ -2,150 +2,78 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
-#include "module/snmp/snmp/snmp_handler.h"
 #include "support.h"
-
-namespace {
 
 constexpr uint8_t untouched = 0xEE;
 
-// What an encoder wrote, by the first octet that it left alone.
-octets encoded(size_t size, const std::function<void(uint8_t*)>& encode) {
+// An encoder must write what is expected into exactly its size.
+void check(const std::string& expected, size_t size, const std::function<void(uint8_t*)>& encode) {
   octets room(size + 8, untouched);
   encode(room.data());
-  EXPECT_EQ(octets(8, untouched), octets(room.end() - 8, room.end()));
-  room.resize(size);
-  return room;
+  EXPECT_EQ(expected + repeated(8, " EE"), to_hex(room));
 }
 
-TEST(values, unsigned_numbers) {
-  const std::pair<uint32_t, const char*> rows[] = {
-      {0, "41 01 00"},
-      {127, "41 01 7F"},
-      {128, "41 02 00 80"},
-      {256, "41 02 01 00"},
-      {32767, "41 02 7F FF"},
-      {32768, "41 03 00 80 00"},
-      {65535, "41 03 00 FF FF"},
-      {8388607, "41 03 7F FF FF"},
-      {8388608, "41 04 00 80 00 00"},
-      {16777216, "41 04 01 00 00 00"},
-      {2147483647, "41 04 7F FF FF FF"},
-      {2147483648, "41 05 00 80 00 00 00"},
-      {4294967295, "41 05 00 FF FF FF FF"},
+// Both sides of each boundary at which the octets become more.
+TEST(values, numbers) {
+  const std::vector<std::pair<int64_t, std::string>> boundaries[] = {
+      {{-129, "02 FF 7F"}, {-128, "01 80"}, {-1, "01 FF"}, {0, "01 00"}, {127, "01 7F"}, {128, "02 00 80"}},
+      {{-32769, "03 FF 7F FF"}, {-32768, "02 80 00"}, {32767, "02 7F FF"}, {32768, "03 00 80 00"}},
+      {{-8388609, "04 FF 7F FF FF"}, {-8388608, "03 80 00 00"}, {8388607, "03 7F FF FF"}, {8388608, "04 00 80 00 00"}},
+      {{-2147483648, "04 80 00 00 00"}, {2147483647, "04 7F FF FF FF"}, {2147483648, "05 00 80 00 00 00"}},
+      {{4294967295, "05 00 FF FF FF FF"}},
   };
-  for (const auto& [value, hex] : rows) {
-    EXPECT_EQ(
-        hex, to_hex(encoded(get_uintlen(value), [v = value](uint8_t* at) { encode_uint(at, v); })));
-  }
-  EXPECT_EQ("43 02 01 2C", to_hex(encoded(4, [](uint8_t* at) { encode_timeticks(at, 300); })));
-  EXPECT_EQ("42 01 07", to_hex(encoded(3, [](uint8_t* at) { encode_uint_type(at, 7, 0x42); })));
-}
-
-TEST(values, signed_numbers) {
-  const std::pair<int32_t, const char*> rows[] = {
-      {0, "02 01 00"},
-      {127, "02 01 7F"},
-      {128, "02 02 00 80"},
-      {-1, "02 01 FF"},
-      {-128, "02 01 80"},
-      {-129, "02 02 FF 7F"},
-      {32767, "02 02 7F FF"},
-      {32768, "02 03 00 80 00"},
-      {-32768, "02 02 80 00"},
-      {-32769, "02 03 FF 7F FF"},
-      {8388608, "02 04 00 80 00 00"},
-      {-8388608, "02 03 80 00 00"},
-      {-8388609, "02 04 FF 7F FF FF"},
-      {INT32_MAX, "02 04 7F FF FF FF"},
-      {INT32_MIN, "02 04 80 00 00 00"},
+  const auto check_number = [](int64_t value, const std::string& content) {
+    const auto number = static_cast<int32_t>(value);
+    const auto counter = static_cast<uint32_t>(value);
+    if (value == number) check("02 " + content, get_intlen(number), [&](uint8_t* at) { encode_int(at, number); });
+    if (value == counter) check("41 " + content, get_uintlen(counter), [&](uint8_t* at) { encode_uint(at, counter); });
   };
-  for (const auto& [value, hex] : rows) {
-    EXPECT_EQ(hex,
-              to_hex(encoded(get_intlen(value), [v = value](uint8_t* at) { encode_int(at, v); })));
+  for (const auto& rows : boundaries) {
+    for (const auto& [value, content] : rows) check_number(value, content);
   }
+  check("43 02 01 2C", 4, [](uint8_t* at) { encode_timeticks(at, 300); });
+  check("42 01 07", 3, [](uint8_t* at) { encode_uint_type(at, 7, 0x42); });
 }
 
-TEST(values, texts) {
-  const std::pair<size_t, const char*> rows[] = {
-      {0, "04 00"},      {3, "04 03"},         {127, "04 7F"},        {128, "04 81 80"},
-      {255, "04 81 FF"}, {256, "04 82 01 00"}, {1000, "04 82 03 E8"}, {65535, "04 82 FF FF"},
-  };
-  for (const auto& [length, header] : rows) {
-    const std::string text(length, 'a');
-    const octets expected = from_hex(header) + octets(length, 'a');
-    EXPECT_EQ(expected, encoded(get_strlen(length),
-                                [&](uint8_t* at) { encode_str(at, text.data(), text.size()); }))
-        << length;
-  }
-  EXPECT_EQ(1472u, get_strlen(65536));
-}
-
-TEST(values, writers_of_empty_values) {
-  const std::pair<snmp_value_writer, const char*> rows[] = {
-      {encode_null, "05 00"}, {encode_no_such_object, "80 00"}, {encode_end_of_mib_view, "82 00"}};
-  for (const auto& [writer, hex] : rows) {
-    SCOPED_TRACE(hex);
-    size_t size = 0;
-    octets room(3, untouched);
-    EXPECT_EQ(0, writer(nullptr, 0, &size, nullptr));
-    EXPECT_EQ(2u, size);
-    EXPECT_EQ(-1, writer(room.data(), 1, nullptr, nullptr));
-    EXPECT_EQ(octets(3, untouched), room);
-    EXPECT_EQ(0, writer(room.data(), 2, nullptr, nullptr));
-    EXPECT_EQ(from_hex(hex) + octets{untouched}, room);
-  }
-}
-
-TEST(oids, encoding) {
+TEST(values, oids) {
   snmp_oid longest = oid_of({1, 3});
-  for (; longest.count < SNMP_MAX_SUBIDS; longest.count++)
-    longest.subid[longest.count] = UINT32_MAX;
-  std::string longest_hex = "06 5B 2B";
-  for (int i = 0; i < 18; i++) longest_hex += " 8F FF FF FF 7F";
+  while (longest.count < SNMP_MAX_SUBIDS) longest.subid[longest.count++] = UINT32_MAX;
   const std::pair<snmp_oid, std::string> rows[] = {
       {oid_of({0, 0}), "06 01 00"},
       {oid_of({1}), "06 01 28"},
-      {oid_of({1, 3}), "06 01 2B"},
       {oid_of({2, 47}), "06 01 7F"},
-      {oid_of({1, 3, 6, 1, 2, 1, 1, 3, 0}), "06 08 2B 06 01 02 01 01 03 00"},
-      {oid_of({1, 3, 6, 1, 4, 1, 127, 128}), "06 08 2B 06 01 04 01 7F 81 00"},
+      {oid_of({1, 3, 6, 127, 128}), "06 05 2B 06 7F 81 00"},
       {oid_of({1, 3, 16383, 16384}), "06 06 2B FF 7F 81 80 00"},
       {oid_of({1, 3, 2097151, 2097152}), "06 08 2B FF FF 7F 81 80 80 00"},
       {oid_of({1, 3, 268435455, 268435456}), "06 0A 2B FF FF FF 7F 81 80 80 80 00"},
-      {oid_of({1, 3, 4294967295}), "06 06 2B 8F FF FF FF 7F"},
-      {longest, longest_hex},
+      {longest, "06 5B 2B" + repeated(18, " 8F FF FF FF 7F")},
   };
   for (const auto& [oid, hex] : rows) {
-    EXPECT_EQ(hex, to_hex(encoded(get_oidlen(oid.subid, oid.count), [&oid = oid](uint8_t* at) {
-                EXPECT_EQ(0, encode_snmp_oid(at, oid.subid, oid.count));
-              })));
+    check(hex, get_oidlen(oid.subid, oid.count),
+          [&oid = oid](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, oid.subid, oid.count)); });
   }
+}
+
+TEST(values, without_an_encoding) {
   captured_log log;
   const std::vector<uint32_t> endless(65600, 1);
   uint8_t tag[2] = {0, untouched};
   EXPECT_EQ(SIZE_MAX, get_oidlen(endless.data(), endless.size()));
   EXPECT_EQ(-1, encode_snmp_oid(tag, endless.data(), endless.size()));
   EXPECT_EQ(untouched, tag[1]);
-  EXPECT_EQ("3 get_oidlen: OID not convertible\n3 encode_snmp_oid: OID not convertible\n",
-            log.take());
+  EXPECT_EQ("3 get_oidlen: OID not convertible\n3 encode_snmp_oid: OID not convertible\n", log.take());
+  EXPECT_EQ(1472u, get_strlen(65536));
 }
 
 // ---- Responses ---------------------------------------------------------------------------------
 
-// A writer whose value is a text of as many octets as its context says.
+// Writes a text of as many octets as its context says.
 int32_t encode_text_of(ber_tlv* destination, size_t capacity, size_t* size_out, void* context) {
   const std::string text(*static_cast<size_t*>(context), 'x');
   return write_value(destination, capacity, size_out, get_strlen(text.size()),
                      [&](ber_tlv* at) { encode_str(at, text.data(), text.size()); });
-}
-
-int32_t encode_1500(ber_tlv* destination, size_t capacity, size_t* size_out, void*) {
-  return write_value(destination, capacity, size_out, get_intlen(1500),
-                     [](ber_tlv* at) { encode_int(at, 1500); });
 }
 
 int32_t encode_nothing(ber_tlv* destination, size_t, size_t* size_out, void*) {
@@ -154,104 +82,58 @@ int32_t encode_nothing(ber_tlv* destination, size_t, size_t* size_out, void*) {
 }
 
 struct responses : testing::Test {
-  responses() {
-    strcpy(request.community, "public");
-    request.ver = 1;
-    request.id = 1234;
-    response.varbind[0] = {oid_of({1, 3, 6, 1, 3, 99, 1, 0}), encode_1500, nullptr};
-    response.varbind_count = 1;
-  }
-
-  // The message, which ends with the buffer, or an empty text.
-  std::string encode(size_t size) {
-    octets buffer(size);
+  // The message, which ends with the buffer, or nothing.
+  octets encode(size_t room) {
+    octets buffer(room);
     uint8_t* data = buffer.data();
     size_t length = 1;
-    if (encode_snmp_response(&request, &response, buffer.data(), size, &data, &length) != 0) {
+    if (encode_snmp_response(&request, &response, buffer.data(), room, &data, &length) != 0) {
       EXPECT_EQ(nullptr, data);
       EXPECT_EQ(0u, length);
-      return "";
+      return {};
     }
-    EXPECT_EQ(buffer.data() + size, data + length);
-    return to_hex(data, length);
+    EXPECT_EQ(buffer.data() + room, data + length);
+    return {data, data + length};
   }
 
   captured_log log;
-  snmp_request request = {};
-  snmp_response response = {};
+  size_t text_size = 2;
+  snmp_request request = {"public", PDU_GET, SNMP_V2C, 1234, 0, 0, {}, 0};
+  snmp_response response = {0, 0, {{oid_of({1, 3, 6, 1, 3, 99, 1, 0}), encode_text_of, &text_size}}, 1};
 };
 
-TEST_F(responses, worked_example_in_any_buffer) {
-  const std::string expected =
-      "30 28 02 01 01 04 06 70 75 62 6C 69 63 A2 1B 02 02 04 D2 02 01 00 02 01 00 30 0F 30 0D 06 "
-      "07 "
-      "2B 06 01 03 63 01 00 02 02 05 DC";
-  EXPECT_EQ(expected, encode(SNMP_MAX_DATAGRAM));
-  EXPECT_EQ(expected, encode(42));
-}
-
-TEST_F(responses, what_does_not_fit_is_named_from_the_end) {
-  const std::pair<size_t, const char*> rows[] = {
-      {41, "encode_snmp_response: HEADER"},      {39, "encode_snmp_response: VERSION"},
-      {36, "encode_snmp_response: COMMUNITY"},   {28, "encode_snmp_response: PDU"},
-      {26, "encode_snmp_response: ID"},          {22, "encode_snmp_response: ERROR STATUS"},
-      {19, "encode_snmp_response: ERROR INDEX"}, {16, "encode_snmp_response: VARBINDS"},
-  };
-  for (const auto& [size, element] : rows) {
-    EXPECT_EQ("", encode(size));
-    EXPECT_EQ("3 " + std::string(element) + " not fit in buffer\n", log.take()) << size;
-  }
-  const std::pair<size_t, const char*> varbind_rows[] = {{14, "VARBIND"}, {12, "OID"}, {3, "DATA"}};
-  for (const auto& [size, element] : varbind_rows) {
-    EXPECT_EQ("", encode(size));
-    EXPECT_EQ("3 encode_snmp_varbind: no space in buffer for " + std::string(element) + "\n",
-              log.take())
-        << size;
-  }
-  response.varbind[0].writer = encode_nothing;
-  EXPECT_EQ("", encode(100));
-  EXPECT_EQ("3 encode_snmp_varbind: no space in buffer for DATA :-(\n", log.take());
-}
-
-TEST_F(responses, errors_name_the_request) {
-  strcpy(request.community, "private");
-  request.id = 42;
-  request.oid[0] = oid_of({1, 3, 6, 1, 3, 99, 1, 0});
-  request.oid[1] = oid_of({1, 3, 6, 1, 3, 99, 2, 0});
-  request.oid_count = 2;
-  response.error_status = SNMP_NO_ACCESS;
-  EXPECT_EQ(
-      "30 33 02 01 01 04 07 70 72 69 76 61 74 65 A2 25 02 01 2A 02 01 06 02 01 00 30 1A 30 0B 06 "
-      "07 "
-      "2B 06 01 03 63 01 00 05 00 30 0B 06 07 2B 06 01 03 63 02 00 05 00",
-      encode(SNMP_MAX_DATAGRAM));
-  request.oid_count = 0;
-  EXPECT_NE(std::string::npos, encode(SNMP_MAX_DATAGRAM).find("02 01 06 02 01 00 30 00"));
-  request.oid_count = 21;
-  EXPECT_EQ("", encode(SNMP_MAX_DATAGRAM));
-  EXPECT_EQ("3 encode_snmp_response: too much oid\n", log.take());
-}
-
-// The header forms at their boundaries: of the varbind, whose OID takes 9 octets, of the list, of
-// the PDU and of the message.
+// Through all forms of the headers of the varbind, the list, the PDU and the message.
 TEST_F(responses, headers_grow_with_their_content) {
-  const std::pair<size_t, const char*> rows[] = {
-      {116, "30 7F 06 07"},
-      {117, "30 81 80 06"},
-      {243, "30 81 FF 06"},
-      {244, "30 82 01 00 06"},
-  };
-  for (const auto& [text_size, header] : rows) {
-    size_t size = text_size;
-    response.varbind[0] = {oid_of({1, 3, 6, 1, 3, 99, 1, 0}), encode_text_of, &size};
-    EXPECT_NE(std::string::npos, encode(SNMP_MAX_DATAGRAM).find(header)) << text_size;
+  for (text_size = 0; text_size < 300; text_size++) {
+    const octets varbind = from_hex("06 07 2B 06 01 03 63 01 00") + tlv(0x04, octets(text_size, 'x'));
+    const octets expected = build({.pdu_tag = 0xA2, .id = "02 02 04 D2", .varbinds = to_hex(tlv(0x30, varbind))});
+    EXPECT_EQ(to_hex(expected), to_hex(encode(SNMP_MAX_DATAGRAM)));
+    EXPECT_EQ(to_hex(expected), to_hex(encode(expected.size())));
   }
-  size_t size = 60000;
-  response.varbind[0].writer_ctx = &size;
-  EXPECT_NE("", encode(70000));
-  size = 65530;  // fits a text, and with its OID no varbind
-  EXPECT_EQ("", encode(70000));
+  text_size = 60000;
+  EXPECT_NE(octets(), encode(70000));
+  text_size = 65530;  // fits a text, and with its OID no varbind
+  EXPECT_EQ(octets(), encode(70000));
   EXPECT_EQ("", log.take());
 }
 
-}  // namespace
+TEST_F(responses, what_does_not_fit_is_named_from_the_end) {
+  const std::pair<size_t, std::string> rows[] = {
+      {41, "response: HEADER not fit in buffer"},      {39, "response: VERSION not fit in buffer"},
+      {36, "response: COMMUNITY not fit in buffer"},   {28, "response: PDU not fit in buffer"},
+      {26, "response: ID not fit in buffer"},          {22, "response: ERROR STATUS not fit in buffer"},
+      {19, "response: ERROR INDEX not fit in buffer"}, {16, "response: VARBINDS not fit in buffer"},
+      {14, "varbind: no space in buffer for VARBIND"}, {12, "varbind: no space in buffer for OID"},
+      {3, "varbind: no space in buffer for DATA"},
+  };
+  const auto refused = [&](size_t room, const std::string& message) {
+    EXPECT_EQ(octets(), encode(room));
+    EXPECT_EQ("3 encode_snmp_" + message + "\n", log.take()) << room;
+  };
+  for (const auto& [room, message] : rows) refused(room, message);
+  response.varbind[0].writer = encode_nothing;
+  refused(100, "varbind: no space in buffer for DATA :-(");
+  request.oid_count = SNMP_MAX_VARBINDS + 1;
+  response.error_status = SNMP_NO_ACCESS;
+  refused(1472, "response: too much oid");
+}

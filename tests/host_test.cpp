@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <string>
 #include <thread>
 
@@ -70,12 +69,9 @@ TEST(host_engine, removal_waits_for_the_call_in_progress) {
 
 TEST(host_log, drops_by_level_before_it_formats) {
   std::string seen;
-  const auto* unreadable = reinterpret_cast<const char*>(1);
-  const auto keep = [](const log_record& record, void* user) {
-    *static_cast<std::string*>(user) = record.text;
-  };
+  const auto keep = [](const log_record& record, void* user) { *static_cast<std::string*>(user) = record.text; };
   set_log_sink(keep, &seen);
-  torvasin_log(TORVASIN_LOG_TRACE, "test", __LINE__, 1, "%s", unreadable);
+  torvasin_log(TORVASIN_LOG_TRACE, "test", __LINE__, 1, "%s", reinterpret_cast<const char*>(1));
   EXPECT_EQ(seen, "");
   torvasin_log(TORVASIN_LOG_WARNING, "test", __LINE__, 1, "%s", std::string(9000, 'x').c_str());
   EXPECT_EQ(seen, std::string(4092, 'x') + "...");
@@ -84,27 +80,15 @@ TEST(host_log, drops_by_level_before_it_formats) {
 
 TEST(host_list, looks_up_by_tag) {
   torvasin_key_value_list list;
-  list.set("text", 1U);
+  list.set("text", 1);
   list.set("text", "replaced");
   list.set("signed", -2);
-  list.set("float", 1.5F);
-  const struct {
-    const char *title, *key, *text;
-    bool is_number, is_present;
-  } rows[] = {{"text", "text", "replaced", false, true},
-              {"signed", "signed", nullptr, true, true},
-              {"float", "float", nullptr, false, true},
-              {"part", "tex", nullptr, false, false},
-              {"null", nullptr, nullptr, false, false}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.title);
-    const char* text = nullptr;
-    std::uint32_t number = 0;
-    const torvasin_value* value = nullptr;
-    EXPECT_EQ(torvasin_keyValueListGetS(&list, row.key, &text) == 0, row.text != nullptr);
-    EXPECT_STREQ(text, row.text);
-    EXPECT_EQ(torvasin_keyValueListGetIU(&list, row.key, &number) == 0, row.is_number);
-    EXPECT_EQ(number, row.is_number ? 0xFFFFFFFEU : 0U);
-    EXPECT_EQ(torvasin_keyValueListGet(&list, row.key, &value) == 0, row.is_present);
-  }
+  const char* text = nullptr;
+  std::uint32_t number = 0;
+  EXPECT_EQ(torvasin_keyValueListGetS(&list, "text", &text), 0);
+  EXPECT_STREQ(text, "replaced");
+  EXPECT_EQ(torvasin_keyValueListGetIU(&list, "signed", &number), 0);
+  EXPECT_EQ(number, 0xFFFFFFFEU);
+  for (const char* key : {"signed", "tex"}) EXPECT_NE(torvasin_keyValueListGetS(&list, key, &text), 0) << key;
+  for (const char* key : {"text", "sign"}) EXPECT_NE(torvasin_keyValueListGetIU(&list, key, &number), 0) << key;
 }

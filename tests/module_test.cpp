@@ -11,12 +11,9 @@
 #include "module/snmp/mainsnmp.h"
 #include "udp_client.h"
 
-namespace {
-
 TEST(module, serves_live_values_and_leaves_nothing) {
   const std::string path = testing::TempDir() + "module_" + std::to_string(getpid()) + ".ini";
-  std::ofstream(path) << "[General]\nport = 0\n[ITEM_t]\noid = 1.3.6.1.1\ntype = string:none\n"
-                         "meter = t\n";
+  std::ofstream(path) << "[General]\nport = 0\n[ITEM_t]\noid = 1.3.6.1.1\ntype = string:none\nmeter = t\n";
   torvasin_key_value_list host_keys;
   host_keys.set("conf_file", path);
   torvasin_host::meter_engine engine;
@@ -34,6 +31,9 @@ TEST(module, serves_live_values_and_leaves_nothing) {
       meters.set("t", text);
       engine.publish(TORVASIN_SLOW, meters);
     }
+    torvasin_key_value_list fast_meters;
+    fast_meters.set("t", "not for a slow item");
+    engine.publish(TORVASIN_FAST, fast_meters);
     const uint64_t allocations = torvasin_host::get_memory_stats().allocation_calls;
     for (int i = 0; i < 100; i++) EXPECT_EQ("0 0: 1.3.6.1.1=0403616263", client.ask(request));
     EXPECT_EQ(allocations, torvasin_host::get_memory_stats().allocation_calls);
@@ -46,5 +46,3 @@ TEST(module, serves_live_values_and_leaves_nothing) {
   torvasin_host::release_all_texts();
   unlink(path.c_str());
 }
-
-}  // namespace

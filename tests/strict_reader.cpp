@@ -1,133 +1,115 @@
 #include "strict_reader.h"
 
+#include <algorithm>
 #include <span>
+#include <utility>
+
+#include "support.h"
 
 namespace {
 
-struct reader {
-  std::span<const uint8_t> left;
-  const char* fault = nullptr;
+using view = std::span<const uint8_t>;
 
-  // The content of the next element, which must have this tag (0: any); empty after a fault.
-  std::span<const uint8_t> element(uint8_t tag, uint8_t* found = nullptr) {
-    if (fault != nullptr) return {};
-    if (left.size() < 2) return fail("header cut off");
-    if (tag != 0 && left[0] != tag) return fail("unexpected tag");
-    if (found != nullptr) *found = left[0];
-    const size_t octets = left[1] < 0x80 ? 0 : left[1] - 0x80u;
-    if (octets > 2 || left.size() < 2 + octets) return fail("length form");
-    size_t length = octets == 0 ? left[1] : left[2];
-    if (octets == 2) length = length << 8 | left[3];
-    if ((octets == 1 && length < 0x80) || (octets == 2 && length < 0x100)) {
-      return fail("length not in its shortest form");
-    }
-    if (left.size() - 2 - octets < length) return fail("content cut off");
-    const auto content = left.subspan(2 + octets, length);
-    left = left.subspan(2 + octets + length);
-    return content;
-  }
-
-  int64_t integer() { return number(element(0x02)); }
-
-  int64_t number(std::span<const uint8_t> content) {
-    if (fault != nullptr) return 0;
-    if (content.empty() || content.size() > 5) return fail("integer length"), 0;
-    if (content.size() > 1 && (content[0] == 0 || content[0] == 0xFF) &&
-        content[0] >> 7 == content[1] >> 7) {
-      return fail("integer not in its shortest form"), 0;
-    }
-    int64_t value = content[0] >= 0x80 ? -1 : 0;
-    for (uint8_t octet : content)
-      value = static_cast<int64_t>(static_cast<uint64_t>(value) << 8 | octet);
-    return value;
-  }
-
-  std::vector<uint32_t> oid() {
-    const auto content = element(0x06);
-    if (content.empty()) return fail("no OID"), std::vector<uint32_t>();
-    if (content[0] >= 0x80) return fail("first octet of an OID"), std::vector<uint32_t>();
-    std::vector<uint32_t> subids = {content[0] / 40u, content[0] % 40u};
-    uint64_t subid = 0;
-    for (size_t i = 1; i < content.size(); i++) {
-      if (subid == 0 && content[i] == 0x80) fail("sub-identifier not in its fewest groups");
-      subid = subid << 7 | (content[i] & 0x7F);
-      if (subid > UINT32_MAX) fail("sub-identifier above 32 bits");
-      if (content[i] >= 0x80) continue;
-      subids.push_back(static_cast<uint32_t>(subid));
-      subid = 0;
-    }
-    if (content.size() > 1 && content.back() >= 0x80) fail("sub-identifier cut off");
-    if (subids.size() > 20) fail("OID above 20 sub-identifiers");
-    return subids;
-  }
-
-  std::vector<uint8_t> value() {
-    const auto before = left;
-    uint8_t tag = 0;
-    const auto content = element(0, &tag);
-    if (tag == 0x02 || tag == 0x41) {
-      number(content);
-    } else if (tag == 0x05 || tag == 0x80 || tag == 0x82) {
-      if (!content.empty()) fail("content of an empty value");
-    } else if (tag != 0x04) {
-      fail("value of an unknown type");
-    }
-    return {before.begin(), before.begin() + static_cast<ptrdiff_t>(before.size() - left.size())};
-  }
-
-  std::span<const uint8_t> fail(const char* what) {
-    if (fault == nullptr) fault = what;
-    return {};
-  }
-
-  void end() {
-    if (!left.empty()) fail("octets left over");
-  }
+struct broken {
+  const char* rule;
 };
+
+void require(bool holds, const char* otherwise) {
+  if (!holds) throw broken{otherwise};
+}
+
+// Takes an element of this tag off the front; returns its content.
+view element(view& in, uint8_t tag) {
+  require(in.size() >= 2, "header cut off");
+  require(in[0] == tag, "unexpected tag");
+  const size_t length_octets = in[1] < 0x80 ? 0 : in[1] - 0x80u;
+  require(in[1] != 0x80 && length_octets <= 2 && in.size() >= 2 + length_octets, "length form");
+  size_t length = length_octets == 0 ? in[1] : 0;
+  for (uint8_t octet : in.subspan(2, length_octets)) length = length << 8 | octet;
+  require(length_octets == 0 || length >= (length_octets == 1 ? 0x80 : 0x100), "length not in its shortest form");
+  const view behind = in.subspan(2 + length_octets);
+  require(behind.size() >= length, "content cut off");
+  in = behind.subspan(length);
+  return behind.first(length);
+}
+
+view last_element(view in, uint8_t tag) {
+  const view content = element(in, tag);
+  require(in.empty(), "octets left over");
+  return content;
+}
+
+int64_t number(view content) {
+  require(!content.empty() && content.size() <= 5, "integer length");
+  int64_t value = content[0] >= 0x80 ? -1 : 0;
+  for (uint8_t octet : content) value = value * 0x100 + octet;
+  const bool shortest = content.size() == 1 || content[0] != (content[1] >= 0x80 ? 0xFF : 0x00);
+  require(shortest, "integer not in its shortest form");
+  return value;
+}
+
+std::vector<uint32_t> oid(view content) {
+  require(!content.empty(), "no OID");
+  require(content[0] < 0x80, "first octet of an OID");
+  require(content.back() < 0x80, "sub-identifier cut off");
+  std::vector<uint32_t> subids = {content[0] / 40u, content[0] % 40u};
+  uint64_t subid = 0;
+  for (uint8_t octet : content.subspan(1)) {
+    require(subid != 0 || octet != 0x80, "sub-identifier not in its fewest groups");
+    subid = subid << 7 | (octet & 0x7F);
+    require(subid <= UINT32_MAX, "sub-identifier above 32 bits");
+    if (octet >= 0x80) continue;
+    subids.push_back(static_cast<uint32_t>(subid));
+    subid = 0;
+  }
+  require(subids.size() <= 20, "OID above 20 sub-identifiers");
+  return subids;
+}
+
+void check_value(view value) {
+  require(!value.empty(), "no value");
+  const uint8_t tag = value[0];
+  const view content = last_element(value, tag);
+  if (tag == 0x02) {
+    require(std::in_range<int32_t>(number(content)), "INTEGER out of range");
+  } else if (tag == 0x41) {
+    require(std::in_range<uint32_t>(number(content)), "Counter32 out of range");
+  } else if (tag == 0x05 || tag == 0x80 || tag == 0x82) {
+    require(content.empty(), "content of an empty value");
+  } else {
+    require(tag == 0x04, "value of an unknown type");
+  }
+}
 
 }  // namespace
 
-const char* read_strictly(const uint8_t* message, size_t length, read_response* response) {
-  reader whole = {{message, length}};
-  reader in = {whole.element(0x30)};
-  whole.end();
-  response->version = in.integer();
-  const auto community = in.element(0x04);
+const char* read_strictly(const uint8_t* message, size_t length, read_response* response) try {
+  view in = last_element({message, length}, 0x30);
+  response->version = number(element(in, 0x02));
+  const view community = element(in, 0x04);
   response->community.assign(community.begin(), community.end());
-  reader pdu = {in.element(0xA2)};
-  in.end();
-  response->id = pdu.integer();
-  response->error_status = pdu.integer();
-  response->error_index = pdu.integer();
-  reader list = {pdu.element(0x30)};
-  pdu.end();
-  while (list.fault == nullptr && !list.left.empty()) {
-    reader varbind = {list.element(0x30)};
-    response->varbinds.push_back({varbind.oid(), varbind.value()});
-    varbind.end();
-    if (varbind.fault != nullptr) list.fail(varbind.fault);
-  }
-  for (const reader* one : {&whole, &in, &pdu, &list}) {
-    if (one->fault != nullptr) return one->fault;
+  view pdu = last_element(in, 0xA2);
+  response->id = number(element(pdu, 0x02));
+  response->error_status = number(element(pdu, 0x02));
+  response->error_index = number(element(pdu, 0x02));
+  for (view list = last_element(pdu, 0x30); !list.empty();) {
+    view varbind = element(list, 0x30);
+    std::vector<uint32_t> name = oid(element(varbind, 0x06));
+    check_value(varbind);
+    response->varbinds.push_back({std::move(name), {varbind.begin(), varbind.end()}});
   }
   return response->varbinds.size() > 20 ? "more than 20 varbinds" : nullptr;
-}
+} catch (const broken& fault) { return fault.rule; }
 
 std::string describe(const uint8_t* message, size_t length) {
   read_response response;
   if (const char* fault = read_strictly(message, length, &response)) return fault;
-  std::string text =
-      std::to_string(response.error_status) + " " + std::to_string(response.error_index) + ":";
-  for (const read_varbind& varbind : response.varbinds) {
-    for (size_t i = 0; i < varbind.name.size(); i++) {
-      text += (i == 0 ? " " : ".") + std::to_string(varbind.name[i]);
-    }
-    char digits[3];
-    text += "=";
-    for (uint8_t octet : varbind.value) {
-      snprintf(digits, sizeof digits, "%02X", unsigned{octet});
-      text += digits;
-    }
+  std::string text = std::to_string(response.error_status) + " " + std::to_string(response.error_index) + ":";
+  for (const auto& [name, value] : response.varbinds) {
+    for (const uint32_t& subid : name) text += (&subid == name.data() ? " " : ".") + std::to_string(subid);
+    std::string hex = to_hex(value);
+    std::erase(hex, ' ');
+    text += "=" + hex;
   }
   return text;
 }

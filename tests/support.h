@@ -14,9 +14,10 @@ using octets = std::vector<uint8_t>;
 
 octets from_hex(const std::string& hex);                 // blanks are ignored
 std::string to_hex(const uint8_t* data, size_t length);  // "30 0A ..."
-std::string to_hex(const octets& data);
+inline std::string to_hex(const octets& data) { return to_hex(data.data(), data.size()); }
 octets tlv(uint8_t tag, const octets& content);
 octets operator+(octets left, const octets& right);
+std::string repeated(size_t times, const std::string& text);
 
 // An SNMPv2c GET of 1.3.6.1.2.1.1.3.0, of which a test changes what it is about. All but the tags
 // are hex; the lengths of the constructed elements follow.
@@ -33,36 +34,31 @@ struct request_parts {
 };
 octets build(const request_parts& parts);
 
-// The varbind of an OID with the value NULL, in hex. Inline, for programs without the codec.
-inline std::string null_varbind(const snmp_oid& oid) {
+snmp_oid oid_of(std::initializer_list<uint32_t> subids);
+
+// An OID in octets, and its varbind with the value NULL in hex. Inline, for programs without the codec.
+inline octets encoded(const snmp_oid& oid) {
   octets name(get_oidlen(oid.subid, oid.count));
   encode_snmp_oid(name.data(), oid.subid, oid.count);
-  return to_hex(tlv(0x30, name + octets{0x05, 0x00})) + " ";
+  return name;
 }
-
-snmp_oid oid_of(std::initializer_list<uint32_t> subids);
+inline std::string null_varbind(const snmp_oid& oid) { return to_hex(tlv(0x30, encoded(oid) + octets{5, 0})) + " "; }
 
 // Captures the log from its construction to its destruction.
 class captured_log {
  public:
   captured_log();
   ~captured_log();
-  captured_log(const captured_log&) = delete;
-  captured_log& operator=(const captured_log&) = delete;
 
-  // The lines of at least this level, each as "level text\n", since the last call.
+  // The lines since the last call, each as "level text\n"; those of level 1 only if wanted.
   std::string take(int least_level = 2);
   bool has(int level, const std::string& text);  // among the lines not yet taken
 
  private:
   static void sink(const torvasin_host::log_record& record, void* self);
 
-  struct line {
-    int level;
-    std::string text;
-  };
   std::mutex mutex_;
-  std::vector<line> lines_;
+  std::string all_, important_;  // all lines, and those of level 2 and above
 };
 
 #endif  // TORVASIN_TESTS_SUPPORT_H

@@ -4,6 +4,7 @@
 #define TORVASIN_TESTS_UDP_CLIENT_H
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,12 +14,11 @@
 class udp_client {
  public:
   // Talks to the address that an agent's socket is bound to.
-  explicit udp_client(int agent_socket, timeval patience = {2, 0}) {
+  explicit udp_client(int agent_socket) {
     sockaddr_in agent = {};
     socklen_t length = sizeof agent;
     getsockname(agent_socket, reinterpret_cast<sockaddr*>(&agent), &length);
     connect(fd_, reinterpret_cast<sockaddr*>(&agent), sizeof agent);
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   }
   ~udp_client() { close(fd_); }
   udp_client(const udp_client&) = delete;
@@ -26,11 +26,12 @@ class udp_client {
 
   void tell(const octets& datagram) { send(fd_, datagram.data(), datagram.size(), 0); }
 
-  // The answer as describe() puts it, "silence" when none comes.
-  std::string ask(const octets& datagram) {
+  // The answer as describe() puts it, "silence" when none comes within the patience, milliseconds.
+  std::string ask(const octets& datagram, int patience = 30000) {
     tell(datagram);
     uint8_t answer[2048];
-    const ssize_t length = recv(fd_, answer, sizeof answer, 0);
+    pollfd readable = {fd_, POLLIN, 0};
+    const ssize_t length = poll(&readable, 1, patience) > 0 ? recv(fd_, answer, sizeof answer, 0) : -1;
     return length < 0 ? "silence" : describe(answer, static_cast<size_t>(length));
   }
 
