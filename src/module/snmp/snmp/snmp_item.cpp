@@ -29,26 +29,41 @@ int32_t store(const snmp_item* item, const snmp_item** found) {
   return item != nullptr ? 0 : -1;
 }
 
+// The values that the sub-identifier at one place of an OID may have: low to low + range.
+struct bounds {
+  uint64_t at;
+  uint32_t low;
+  uint32_t range;
+};
+
+// The first item from i on that is within the bounds, or item_count. All but a few items of a table
+// are told from the wanted one here, by one of their sub-identifiers.
+uint32_t first_within(const bounds& telling, const snmp_item* items, uint32_t i,
+                      uint32_t item_count) {
+  const auto [at, low, range] = telling;
+  while (i < item_count && items[i].oid.subid[at] - low > range) i++;
+  return i;
+}
+
 }  // namespace
 
 int32_t compare_oid(const snmp_oid* a, const snmp_oid* b) {
   return compare_from(a, b, 0);
 }
 
-// The items of a table share a long prefix and differ in a few places. An item is first looked at
-// where the last one that came this far differed, which tells most of them from the wanted OID; the
-// rest are compared in full.
+// The items of a table share a long prefix and differ in a few places, so an item is first looked
+// at where the last one that was compared in full differed.
 int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
                        const snmp_item** found) {
-  uint64_t telling = oid->count > 0 ? oid->count - 1 : 0;
-  for (uint32_t i = 0; i < item_count; i++) {
+  const uint64_t last = oid->count > 0 ? oid->count - 1 : 0;
+  bounds telling = {last, oid->subid[last], 0};
+  for (uint32_t i = 0; (i = first_within(telling, items, i, item_count)) < item_count; i++) {
     const snmp_oid* candidate = &items[i].oid;
-    if (candidate->subid[telling] != oid->subid[telling]) continue;
     if (candidate->count == oid->count && same_subids(candidate, oid, oid->count)) {
       return store(&items[i], found);
     }
     const uint64_t parted = parting(candidate, oid, 0);
-    if (parted < oid->count) telling = parted;
+    if (parted < oid->count) telling = {parted, oid->subid[parted], 0};
   }
   return store(nullptr, found);
 }
@@ -56,23 +71,21 @@ int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_o
 namespace {
 
 // An item between the given OID and the best so far begins with all that these two have in common,
-// and its next sub-identifier lies between theirs. That one sub-identifier tells most items apart;
-// only those within its bounds are looked at in full.
+// and its next sub-identifier lies between theirs. Only such items are compared in full.
 struct successor_search {
   const snmp_oid* oid;
   const snmp_item* best = nullptr;
-  uint64_t at = 0;              // where oid and best part
-  uint32_t low = 0;             // the sub-identifier of oid there, 0 where oid ends
-  uint32_t range = UINT32_MAX;  // that of best less low
+  bounds telling = {0, 0, UINT32_MAX};  // at: where oid and best part; low: 0 where oid ends
 
   void look_at(const snmp_item* item) {
-    if (item->oid.subid[at] - low > range || !same_subids(&item->oid, oid, at)) return;
+    const uint64_t at = telling.at;
+    if (!same_subids(&item->oid, oid, at)) return;
     if (compare_from(&item->oid, oid, at) <= 0) return;
     if (best != nullptr && compare_from(&item->oid, &best->oid, at) > 0) return;
     best = item;
-    at = parting(oid, &best->oid, at);
-    low = at < oid->count ? oid->subid[at] : 0;
-    range = best->oid.subid[at] - low;
+    telling.at = parting(oid, &best->oid, at);
+    telling.low = telling.at < oid->count ? oid->subid[telling.at] : 0;
+    telling.range = best->oid.subid[telling.at] - telling.low;
   }
 };
 
@@ -85,6 +98,8 @@ int32_t find_next_snmp_item(const snmp_item* items, uint32_t item_count, const s
                             const snmp_item** found) {
   successor_search search = {oid};
   if (item_count > 0) search.look_at(&items[item_count - 1]);
-  for (uint32_t i = 0; i < item_count; i++) search.look_at(&items[i]);
+  for (uint32_t i = 0; (i = first_within(search.telling, items, i, item_count)) < item_count; i++) {
+    search.look_at(&items[i]);
+  }
   return store(search.best, found);
 }
