@@ -22,11 +22,9 @@ std::string name_fault(const std::string& name) {
 void add_run_options(CLI::App& app, options& parsed) {
   const CLI::Range period(1U, longest_period_ms);
   app.add_option("--module", parsed.module, "Module to load (default: the one of this program)")
-      ->type_name("PATH")
-      ->check(CLI::ExistingFile);
+      ->type_name("PATH");
   app.add_option("--conf-file", parsed.conf_file, "Configuration file of the module")
-      ->type_name("PATH")
-      ->check(CLI::ExistingFile);
+      ->type_name("PATH");
   app.add_option("--name", parsed.name, "Name of the module instance")
       ->type_name("NAME")
       ->check(name_fault)
