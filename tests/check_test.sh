@@ -55,12 +55,13 @@ problem: more.ini:2: a line of 200 characters: it is read up to 199, the rest as
 
 expect 'the example' '0 errors, 0 problems' "$("$host" --conf-file "$example" --check | tail -n 1)"
 expect 'meters' "system.kernel slow text $(uname -r)" "$("$host" --list-meters | grep kernel | xargs)"
-for options in '--module none' '--conf-file none' '--check=x --list-meters' "--name ${cut}" '--affinity 0' \
+for options in '--check=x --list-meters' "--name ${cut}" '--affinity 0' \
   '--renice x' '--fast-ms 0' '--slow-ms 3600001' '--log-level' 'another'; do
   # shellcheck disable=SC2086
   expect "$options" '2 1 torvasin_host:' "$("$host" $options 2>out || echo $?) $(wc -l <out) $(cut -d' ' -f1 out)"
 done
 expect 'no file' "torvasin_host: cannot read 'none': No such file or directory 1 torvasin_host: an argument is empty 2" \
   "$(for file in none ''; do "$host" --check "$file" 2>&1 || echo $?; done | xargs -d '\n')"
+expect 'no module' '1 1 torvasin_host:' "$("$host" --module none 2>out || echo $?) $(wc -l <out) $(cut -d' ' -f1 out)"
 
 printf '%d failed\n' "$failures" && [ "$failures" -eq 0 ]
