@@ -13,13 +13,6 @@ uint64_t parting(const snmp_oid* a, const snmp_oid* b, uint64_t at) {
   return at;
 }
 
-// compare_oid for two OIDs that agree up to `at`.
-int32_t compare_from(const snmp_oid* a, const snmp_oid* b, uint64_t at) {
-  at = parting(a, b, at);
-  if (at < a->count && at < b->count) return a->subid[at] < b->subid[at] ? -1 : 1;
-  return a->count == b->count ? 0 : a->count < b->count ? -1 : 1;
-}
-
 bool same_subids(const snmp_oid* a, const snmp_oid* b, uint64_t count) {
   return memcmp(a->subid, b->subid, count * sizeof a->subid[0]) == 0;
 }
@@ -47,8 +40,10 @@ uint32_t first_within(const bounds& telling, const snmp_item* items, uint32_t i,
 
 }  // namespace
 
-int32_t compare_oid(const snmp_oid* a, const snmp_oid* b) {
-  return compare_from(a, b, 0);
+int32_t compare_oid(const snmp_oid* a, const snmp_oid* b, uint64_t alike) {
+  const uint64_t at = parting(a, b, alike);
+  if (at < a->count && at < b->count) return a->subid[at] < b->subid[at] ? -1 : 1;
+  return a->count == b->count ? 0 : a->count < b->count ? -1 : 1;
 }
 
 // The items of a table share a long prefix and differ in a few places, so an item is first looked
@@ -80,8 +75,8 @@ struct successor_search {
   void look_at(const snmp_item* item) {
     const uint64_t at = telling.at;
     if (!same_subids(&item->oid, oid, at)) return;
-    if (compare_from(&item->oid, oid, at) <= 0) return;
-    if (best != nullptr && compare_from(&item->oid, &best->oid, at) > 0) return;
+    if (compare_oid(&item->oid, oid, at) <= 0) return;
+    if (best != nullptr && compare_oid(&item->oid, &best->oid, at) > 0) return;
     best = item;
     telling.at = parting(oid, &best->oid, at);
     telling.low = telling.at < oid->count ? oid->subid[telling.at] : 0;
