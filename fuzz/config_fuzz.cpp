@@ -1,5 +1,4 @@
-// Any text as a configuration file: read, linked, every item served at the extremes of its meter,
-// released.
+// Any text as a configuration: read, linked, every item served at the extremes of its meter.
 
 #include <ini.h>
 #include <sys/mman.h>
@@ -17,12 +16,9 @@
 static constexpr int input_file = 100;
 static constexpr char input_path[] = "/proc/self/fd/100";
 
-// No text tells how often it includes: k inclusions of itself are k^16 readings, and every
-// continuation line repeats the include before it. A path may also lead to a pipe or device that
-// never ends. So only the input can be opened, so many times in a run; the rest is as if missing.
+// The module's calls come here. A path may lead to a device that never ends, and k inclusions of
+// itself are k^16 readings: only the input can be opened, so many times in a run.
 static uint32_t readings;
-
-// In place of inih's function, for the module's calls.
 extern "C" int __real_ini_parse(const char* path, ini_handler handler, void* user);
 extern "C" int __wrap_ini_parse(const char* path, ini_handler handler, void* user) {
   if (strcmp(path, input_path) != 0 || readings++ > MAX_OPEN_FILES) return -1;

@@ -17,18 +17,16 @@ const request_parts requests[] = {
     {.version = "02 01 00", .community = "04 01 78", .pdu_tag = 0xA1, .varbinds = start},
     {.pdu_tag = 0xA1, .id = "02 05 00 FF FF FF FF", .varbinds = start + text},
     {.pdu_tag = 0xA5, .second = "02 01 01", .third = "02 01 7F", .varbinds = start + number},
-    {.version = "02 01 00", .pdu_tag = 0xA5, .third = "02 01 03", .varbinds = start + up_time},
     {.community = "04 03 61 00 62", .varbinds = five + five + five + five},
     {.pdu_tag = 0xA5, .third = "02 01 14", .varbinds = start + deepest + up_time},
 };
 
 const std::string configs[] = {
     "[General]\nip = 127.0.0.1\nport=1161\ninclude = /proc/self/fd/100\n; comment\n"
-    "[ITEM_a]\noid = .1.3.6.1.4.1.99999.1.0\nmeter = Load\nmetertype = fast\n"
-    "type = uint:4294967295\ncomputeformula = value*8/100+1\n",
+    "[ITEM_a]\noid = .1.3.6.0\nmeter = Load\nmetertype = fast\ntype = "
+    "uint:4294967295\ncomputeformula = value*8/100+1\n",
     "[ITEM_s]\noid=1.3.6.1\ntype=string:text\ncomputeformula=value\n[ITEM_n]\ntype=string\n",
-    "[ITEM_i]\ntype=int:-2147483648\n continued\noid=1..3\ncomputeformula=-(1,2)^2%pi()\n",
-    "[ITEM_f]\ntype=int\ncomputeformula=pow(fac(value),ncr(5,npr(2,1)))*sqrt log10 1e3\n",
+    "[ITEM_i]\ntype=int:-1\n continued\noid=1..3\ncomputeformula=pow(fac(value),-1e3)*(1,2)%pi()\n",
 };
 
 int main(int count, char** arguments) {
@@ -36,8 +34,7 @@ int main(int count, char** arguments) {
   const auto write = [&](const std::string& target, ptrdiff_t i, const auto& content) {
     const std::string directory = arguments[1] + target;
     std::filesystem::create_directories(directory);
-    std::ofstream file(directory + std::to_string(i));
-    for (const auto octet : content) file.put(static_cast<char>(octet));
+    std::ofstream(directory + std::to_string(i)) << std::string(content.begin(), content.end());
   };
   for (const request_parts& one : requests) write("/pipeline/", &one - requests, build(one));
   write("/pipeline/", std::ssize(requests), from_hex("30 02 02 01"));

@@ -16,7 +16,6 @@ using name = std::vector<uint32_t>;
 
 snmp_module module = {};
 std::set<name> served;  // the items' names as they are on the wire
-octets filling;         // a datagram that leaves the agent's records full for the next
 
 name name_of(const snmp_oid& oid) {
   return {oid.subid, oid.subid + std::max<uint64_t>(oid.count, 2)};
@@ -41,36 +40,25 @@ bool set_up() {
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
   const std::string root = "1.3.6.1.4.1.99999.";
   for (const char* type :
-       {"int:-2147483648", "int:-32769", "int:-32768", "int:-129", "int:-128", "int:127", "int:128",
-        "int:2147483647", "uint:0", "uint:127", "uint:128", "uint:65535", "uint:65536", "uint:1",
-        "uint:2147483647", "uint:2147483648", "uint:4294967295", "string:text", ""}) {
+       {"int:-2147483648", "int:-32769", "int:-128", "int:128", "int:2147483647", "uint:0",
+        "uint:128", "uint:65536", "uint:2147483648", "uint:4294967295", "string:text", ""}) {
     for (const char* formula : {"", "value*1e300"}) {
       const std::string i = std::to_string(module.item_count);
       add_item(root + i.back() + "." + i, type, formula);
     }
   }
-  for (size_t length : {0u, 1u, 127u, 128u, 255u, 256u, 1395u, 1400u, 1473u, 65535u, 65536u}) {
+  for (size_t length : {0u, 1u, 127u, 128u, 255u, 256u, 1395u, 1400u, 1473u, 65535u, 65536u})
     add_item(root + "3." + std::to_string(length), "string:" + std::string(length, 't'));
-  }
   for (const char* oid : {"1", "3.7", "2.39", "2.39", "1.3.6.1.2.1.1.3.0"}) add_item(oid, "uint:5");
   std::string oid = "1.3";
   for (size_t i = 2; i < OID_TEXT_SUBIDS; i++) add_item(oid += ".4294967295", "int:5", "0/0");
-  request_parts parts = {.varbinds = ""};
-  for (uint32_t i = 0; i < 20; i++) parts.varbinds += null_varbind({{1, i, ~i, 1, 2}, 20});
-  filling = build(parts);
   return link_snmp_items(&module) == 0;
 }
 
-struct outbox {
-  octets message;
-  const uint8_t* end;  // of the buffer that it has to end with
-};
-
 int32_t keep(void* user, const uint8_t* message, size_t length) {
-  auto* sent = static_cast<outbox*>(user);
-  assert(sent->message.empty() && length > 0 && "more than one message");
-  assert(message + length == sent->end && "the message does not end the buffer");
-  sent->message.assign(message, sent->end);
+  auto* sent = static_cast<octets*>(user);
+  assert(sent->empty() && length > 0 && "more than one message");
+  sent->assign(message, message + length);
   return 1;
 }
 
@@ -80,16 +68,16 @@ octets handle(const octets& datagram, size_t room, bool in_place = false) {
   octets output(room);
   if (in_place) std::copy(datagram.begin(), datagram.end(), output.begin());
   const uint8_t* input = in_place ? output.data() : datagram.data();
-  outbox sent = {{}, output.data() + room};
+  octets sent;
   const int32_t result = minimal_snmp(module.items, module.item_count, input, datagram.size(),
                                       output.data(), room, &sent, keep);
-  assert(result == (sent.message.empty() ? -1 : 1) && sent.message.size() <= room);
-  return sent.message;
+  assert(result == (sent.empty() ? -1 : 1) && sent.size() <= room);
+  assert(std::equal(sent.rbegin(), sent.rend(), output.rbegin()) && "not at the buffer's end");
+  return sent;
 }
 
 void check_varbinds(const snmp_request& asked, const read_response& got) {
-  const bool bulk = asked.pdu_type == PDU_GETBULK;
-  const bool error = got.error_status != 0;
+  const bool bulk = asked.pdu_type == PDU_GETBULK, error = got.error_status != 0;
   const size_t once = std::min<size_t>(bulk && !error ? asked.non_repeaters : 20, asked.oid_count);
   assert(got.varbinds.size() == asked.oid_count || (bulk && !error));
   std::vector<name> last;  // answered so far, at each position of the request
@@ -112,18 +100,6 @@ void check_varbinds(const snmp_request& asked, const read_response& got) {
   }
 }
 
-// A response is laid out like a request, so the decoder must read what the encoder wrote.
-void check_decodes_again(const snmp_request& asked, const read_response& got, octets message) {
-  for (const read_varbind& varbind : got.varbinds) {
-    if (varbind.value.size() == 2 && varbind.value[0] != BER_NULL) return;  // none in a request
-  }
-  const size_t header = message[1] < 0x80 ? 2 : 2u + message[1] - 0x80;
-  message.at(header + 3 + 2 + got.community.size()) = static_cast<uint8_t>(asked.pdu_type);
-  snmp_request again;
-  assert(decode_snmp_request(&again, message.data(), message.size()) == 0);
-  assert(again.id == asked.id && again.oid_count == got.varbinds.size());
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -135,9 +111,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const octets answer = handle(datagram, SNMP_MAX_DATAGRAM, true);
   log.take(5);
   torvasin_host::set_log_level(5);
-  assert(!handle(filling, SNMP_MAX_DATAGRAM).empty());
   const size_t room = answer.empty() ? SNMP_MAX_DATAGRAM : answer.size();
-  assert(handle(datagram, room) == answer && "depends on the one before, or on the buffers");
+  assert(handle(datagram, room) == answer && "depends on the buffers");
   if (answer.empty()) return 0;
   snmp_request asked;
   read_response got;
@@ -146,6 +121,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   assert(read_strictly(answer.data(), room, &got) == nullptr);
   assert(got.version == asked.ver && got.id == asked.id && got.community == asked.community);
   check_varbinds(asked, got);
-  check_decodes_again(asked, got, answer);
   return 0;
 }

@@ -16,15 +16,14 @@ int32_t encode_number(ber_tlv* destination, size_t capacity, size_t* size_out, v
   return write_value(destination, capacity, size_out, get_intlen(number), [&](ber_tlv* at) { encode_int(at, number); });
 }
 
-// A table of items that serve their index.
+// Items that serve their index.
 std::vector<snmp_item> table_of(const std::vector<snmp_oid>& oids) {
   std::vector<snmp_item> items;
   for (const snmp_oid& oid : oids) items.push_back({oid, encode_number, reinterpret_cast<void*>(items.size())});
   return items;
 }
 
-// All tables of short OIDs over few sub-identifiers, where prefixes, equals and neighbours abound,
-// against the order of the sub-identifiers as std::vector has it.
+// Short OIDs over few sub-identifiers, where prefixes, equals and neighbours abound, in std::vector's order.
 TEST(lookups, agree_with_a_plain_search) {
   std::mt19937 random(1);
   const auto any_oid = [&] {
@@ -37,12 +36,12 @@ TEST(lookups, agree_with_a_plain_search) {
   const auto plain = [](const snmp_oid& oid) { return std::vector<uint32_t>(oid.subid, oid.subid + oid.count); };
   for (int round = 0; round < 20000; round++) {
     SCOPED_TRACE(round);
-    std::vector<snmp_oid> oids(random() % 13);
+    const auto count = static_cast<uint32_t>(random() % 13);
+    std::vector<snmp_oid> oids(count);
     std::generate(oids.begin(), oids.end(), any_oid);
     const std::vector<snmp_item> items = table_of(oids);
     const snmp_oid wanted = any_oid();
-    const snmp_item* equal = nullptr;
-    const snmp_item* next = nullptr;
+    const snmp_item *equal = nullptr, *next = nullptr;
     for (size_t i = items.size(); i-- > 0;) {
       const auto order = plain(oids[i]) <=> plain(wanted);
       EXPECT_EQ(order, compare_oid(&oids[i], &wanted) <=> 0);
@@ -50,12 +49,9 @@ TEST(lookups, agree_with_a_plain_search) {
       if (order > 0 && (next == nullptr || plain(oids[i]) < plain(next->oid))) next = &items[i];
     }
     const auto check = [&](const snmp_item* expected, decltype(find_snmp_item) find) {
-      const auto count = static_cast<uint32_t>(items.size());
-      const snmp_item other = {};
-      const snmp_item* found = &other;
+      const snmp_item* found = items.data() + count;
       EXPECT_EQ(expected != nullptr ? 0 : -1, find(items.data(), count, &wanted, &found));
       EXPECT_EQ(expected, found);
-      EXPECT_EQ(expected != nullptr ? 0 : -1, find(items.data(), count, &wanted, nullptr));
     };
     check(equal, find_snmp_item);
     check(next, find_next_snmp_item);
@@ -119,11 +115,9 @@ TEST(pipeline, answers) {
   const std::pair<request_parts, std::string> rows[] = {
       {get({a, d}), "0 0: 1.3.6.1.1=020104 1.3.6.1.4.1.9.1=020101"},
       {get({a, unknown, b}), "0 0: 1.3.6.1.1=020104 1.3.6.1.2.1.7=8000 1.3.6.1.2.1=020100"},
-      {get({}), "0 0:"},
       {v1(get({c})), "0 0: 1.3.6.1.2.1.5=020103"},
       {of_community("Public", v1(get({a, unknown, before}))), "2 2: 1.3.6.1.1=0500 1.3.6.1.2.1.7=0500 1.3.6.1=0500"},
-      {of_community("Public", get({a, b})), "6 0: 1.3.6.1.1=0500 1.3.6.1.2.1=0500"},
-      {of_community("publics", get({a})), "6 0: 1.3.6.1.1=0500"},
+      {of_community("publics", get({a, b})), "6 0: 1.3.6.1.1=0500 1.3.6.1.2.1=0500"},
       {getnext({before, b, unknown}), "0 0: 1.3.6.1.1=020104 1.3.6.1.2.1.5=020103 1.3.6.1.4.1.9.1=020101"},
       {getnext({e, d}), "0 0: 1.3.6.2147483648=8200 1.3.6.2147483648=020102"},
       {v1(getnext({a, e})), "2 2: 1.3.6.1.1=0500 1.3.6.2147483648=0500"},
@@ -135,7 +129,6 @@ TEST(pipeline, answers) {
       {getbulk(0, -1, {}), "0 0:"},
       {v1(getbulk(1, 2, {a, b, d})), "2 3: 1.3.6.1.1=0500 1.3.6.1.4.1.9.1=0500 1.3.6.2147483648=0500"},
       {v1(getbulk(1, 2, {e, b})), "2 1: 1.3.6.2147483648=0500 1.3.6.1.2.1=0500"},
-      {v1(getbulk(0, 1, {e, e})), "2 1: 1.3.6.2147483648=0500 1.3.6.2147483648=0500"},
       {{.pdu_tag = PDU_SET}, "-1"},
   };
   captured_log log;
@@ -147,43 +140,25 @@ TEST(pipeline, bulk_ends_with_a_full_response) {
   std::vector<snmp_oid> descending;
   for (uint32_t i = 50; i > 0; i--) descending.push_back(oid_of({1, 3, 6, 1, i, 0}));
   std::string expected = "0 0:";
-  for (int i = 1; i <= 10; i++) {
-    for (int subid : {i, i + 25})
-      expected += " 1.3.6.1." + std::to_string(subid) + ".0=0201" + to_hex({static_cast<uint8_t>(50 - subid)});
+  for (uint8_t i = 2; i < 22; i++) {
+    const auto subid = static_cast<uint8_t>(i / 2 + i % 2 * 25);
+    expected += " 1.3.6.1." + std::to_string(subid) + ".0=0201" + to_hex(octets(1, 50 - subid));
   }
   EXPECT_EQ(expected, ask(table_of(descending), getbulk(0, 100, {before, descending[25]})));
   EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getbulk oid found put impossible to answer :("));
 }
 
 TEST(pipeline, messages) {
-  const auto received = [](const std::string& size, const std::string& request) {
-    return "1 Received: " + size + " data\n1 request: " + request +
-           "\n\tnon_repeaters: 0\n\tmax_repetitions: 0\n\toid: \n";
-  };
-  const std::string not_found = "1 minimal_snmp_handle_getnext oid not found\n";
   captured_log log;
   ask(table, get({a}));
-  EXPECT_EQ(received("36", "(GET)\n\tver: 1\n\tid: 1\n\tcommunity: public") + "1 SEND...\n", log.take(1));
-  EXPECT_EQ("0", ask(table, of_community("Public", get({})), 1472, nullptr));
-  EXPECT_EQ(received("26", "(GET)\n\tver: 1\n\tid: 1\n\tcommunity: Public") +
-                "1 not authorized request\n1 NOTHING TO SEND FOR MISSING\n",
-            log.take(1));
+  EXPECT_EQ(
+      "1 Received: 36 data\n1 request: (GET)\n\tver: 1\n\tid: 1\n\tcommunity: public\n\tnon_repeaters: 0\n\t"
+      "max_repetitions: 0\n\toid: \n1 SEND...\n",
+      log.take(1));
+  EXPECT_EQ("0", ask(table, of_community("Public", get({})), SNMP_MAX_DATAGRAM, nullptr));
+  EXPECT_TRUE(log.has(1, "not authorized request") && log.has(1, "NOTHING TO SEND FOR MISSING"));
   EXPECT_EQ("-1", ask(table, getnext({e}), 5));
-  EXPECT_EQ(received("39", "(GETNEXT)\n\tver: 1\n\tid: 1\n\tcommunity: public") + not_found +
-                "3 encode_snmp_varbind: no space in buffer for OID\n3 Error in encoding response\n",
-            log.take(1));
+  EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getnext oid not found") && log.has(3, "Error in encoding response"));
   EXPECT_EQ("-1", ask(table, {.message_tag = 0}));
-  EXPECT_EQ("1 Received: 40 data\n3 decode_len: unsupported type 00\n1 Error in request\n", log.take(1));
-}
-
-// A request cannot bring the handlers to this: 20 OIDs fill the response, a 21st has no room.
-TEST(handlers, an_item_without_room_fails_the_request) {
-  captured_log log;
-  snmp_request request = {"public", PDU_GETBULK, SNMP_V2C, 1, 1, 0, {a}, 1};
-  snmp_response response = {0, 0, {}, SNMP_MAX_VARBINDS};
-  EXPECT_EQ(-1, minimal_snmp_handle_get(table.data(), 5, &request, &response));
-  EXPECT_EQ(-1, minimal_snmp_handle_getnext(table.data(), 5, &request, &response));
-  EXPECT_EQ(-1, minimal_snmp_handle_getbulk(table.data(), 5, &request, &response));
-  EXPECT_EQ(0, minimal_snmp_handle_get(table.data(), 0, &request, &response));
-  EXPECT_EQ(SNMP_MAX_VARBINDS, response.varbind_count);
+  EXPECT_TRUE(log.has(1, "Error in request"));
 }

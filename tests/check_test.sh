@@ -32,7 +32,6 @@ check 'an address of another machine' "[General]\nip = 192.0.2.1\nport = 1\n$a$l
 check 'keys refused' "[General]\nport = 70000\n$a${load}computeformula = value*\n" \
   "error: General, port, 70000 not valid port too big)
 error: ITEM_a, computeformula, value*, 1) error parsing formula near 6"
-check 'no ini line' "$a${load}nothing\n" 'error: problem parsing x.ini'
 check 'no OID' "$a${load}oid = 1..3\n" \
   "error: ITEM_a, oid, 1..3) error parsing oid\nerror: error missing oid: 0 a\nerror: the module does not start"
 check 'no such meter' "${a}meter = load\n" "problem: item 'a': this host publishes no meter 'load'"
@@ -55,8 +54,8 @@ problem: more.ini:2: a line of 200 characters: it is read up to 199, the rest as
 
 expect 'the example' '0 errors, 0 problems' "$("$host" --conf-file "$example" --check | tail -n 1)"
 expect 'meters' "system.kernel slow text $(uname -r)" "$("$host" --list-meters | grep kernel | xargs)"
-for options in '--check=x --list-meters' "--name ${cut}" '--affinity 0' \
-  '--renice x' '--fast-ms 0' '--slow-ms 3600001' '--log-level' 'another'; do
+for options in '--check=x --list-meters' "--name ${cut}" '--affinity 0' '--renice x' \
+  '--fast-ms 0' '--slow-ms 3600001' '--log-level' 'another'; do
   # shellcheck disable=SC2086
   expect "$options" '2 1 torvasin_host:' "$("$host" $options 2>out || echo $?) $(wc -l <out) $(cut -d' ' -f1 out)"
 done

@@ -4,11 +4,6 @@
 
 #include "support.h"
 
-octets resized(octets datagram, size_t size) {
-  datagram.resize(size);
-  return datagram;
-}
-
 octets changed(octets datagram, size_t at, uint8_t octet) {
   datagram[at] = octet;
   return datagram;
@@ -18,7 +13,6 @@ octets with(const std::string& varbinds) { return build({.varbinds = varbinds});
 
 const std::string request = "decode_snmp_request: ";
 const std::string mismatch = request + "package size does not match ";
-const std::string only_null = request + "only value NULL can have zero byte len";
 const std::string short_varbind = "30 06 06 02 2B 06 05 00 ";
 
 const std::tuple<const char*, octets, std::string> refusals[] = {
@@ -27,20 +21,16 @@ const std::tuple<const char*, octets, std::string> refusals[] = {
     {"a length cut off", {0x30, 0x82, 0x01}, "decode_len: pos (3) out of buffer (3) (2)"},
     {"three length octets", {0x30, 0x83, 0, 0, 0}, "decode_len: overflow for length (3)"},
     {"message tag", build({.message_tag = 0x04}), request + "type 04 not supported"},
-    {"an octet after it", resized(build({}), 41), mismatch + "len:38 size:41 pos:2"},
-    {"one octet short", resized(build({}), 39), mismatch + "len:38 size:39 pos:2"},
+    {"an octet after it", build({}) + octets(1), mismatch + "len:38 size:41 pos:2"},
     {"version tag", build({.version = "04 01 01"}), request + "type 04 not supported for version"},
     {"version length", build({.version = "02 02 00 01"}), request + "size 2 not supported for version"},
     {"version 2", build({.version = "02 01 02"}), request + "version 2 not supported yet"},
-    {"version -1", build({.version = "02 01 FF"}), request + "version -1 not supported yet"},
     {"community tag", build({.community = "02 01 00"}), request + "type 02 not supported for community"},
     {"64 octets", build({.community = "04 40" + repeated(64, " 61")}), request + "size 64 not supported for community"},
     {"no community", build({.community = "04 00"}), request + "unsupported empty community"},
-    {"a zero first", build({.community = "04 02 00 61"}), request + "unsupported empty community"},
-    {"community at the end", changed(resized(build({}), 7), 1, 5), "decode_str: pos (7) out of buffer (7) (0)"},
-    {"community cut off", changed(resized(build({}), 9), 1, 7), "decode_str: pos (7) out of buffer (9) (len: 6)"},
-    {"PDU length before its tag", changed(build({.pdu_tag = 0xA3}), 14, 24),
-     mismatch + "len:24 size:40 pos:15 (reading type)"},
+    {"community at the end", {0x30, 5, 2, 1, 1, 4, 6}, "decode_str: pos (7) out of buffer (7) (0)"},
+    {"community cut off", {0x30, 7, 2, 1, 1, 4, 6, 'p', 'u'}, "decode_str: pos (7) out of buffer (9) (len: 6)"},
+    {"PDU length", changed(build({.pdu_tag = 0xA3}), 14, 24), mismatch + "len:24 size:40 pos:15 (reading type)"},
     {"SetRequest", build({.pdu_tag = 0xA3}), request + "type 0xa3 not yet supported"},
     {"SNMPv1 Trap", build({.pdu_tag = 0xA4}), "decode_len: unsupported type A4"},
     {"request-id tag", build({.id = "41 01 01"}), request + "type 41 not supported for id"},
@@ -62,8 +52,8 @@ const std::tuple<const char*, octets, std::string> refusals[] = {
     {"name from 0x80", with("30 05 06 01 80 05 00"), "decode_oid: unsupported OID startbyte 80"},
     {"name unfinished", with("30 06 06 02 2B 81 05 00"), "decode_oid: underflow for OID byte"},
     {"21 sub-identifiers", with("30 18 06 14 2B " + repeated(19, "01 ") + "05 00"), "decode_oid: OID too long (20)"},
-    {"NULL with content", with("30 06 06 01 2B 05 01 00"), only_null},
-    {"text without content", with("30 05 06 01 2B 04 00"), only_null},
+    {"NULL with content", with("30 06 06 01 2B 05 01 00"), request + "only value NULL can have zero byte len"},
+    {"text without content", with("30 05 06 01 2B 04 00"), request + "only value NULL can have zero byte len"},
     {"Counter64", with("30 06 06 01 2B 46 01 00"), "decode_len: unsupported type 46"},
     {"value cut off", with("30 07 06 01 2B 04 82 FF FF"), "decode_discart no possible to discard data requested"},
 };
@@ -79,18 +69,19 @@ TEST(decoder, refuses_with_the_message_of_the_first_fault) {
   }
 }
 
-// Expected are version, type, community, id, second, third and count of OIDs, and the last OID.
+const std::string up_time = ": 06 08 2B 06 01 02 01 01 03 00";
+
+// Expected: version, type, community, id, second, third, count of OIDs: the last OID.
 const std::tuple<const char*, octets, std::string> acceptances[] = {
-    {"a GET", build({}), "1 GET public 1 0 0 1: 06 08 2B 06 01 02 01 01 03 00"},
-    {"v1", build({.version = "02 01 00", .pdu_tag = 0xA1, .varbinds = ""}), "0 GETNEXT public 1 0 0 0:"},
-    {"id of 5 octets", build({.id = "02 05 01 00 00 00 05", .varbinds = ""}), "1 GET public 5 0 0 0:"},
-    {"GETBULK", build({.pdu_tag = 0xA5, .second = "02 01 FF", .third = "02 02 00 80", .varbinds = ""}),
-     "1 GETBULK public 1 4294967295 128 0:"},
-    {"negative id", build({.id = "02 03 FF 7F FF", .varbinds = ""}), "1 GET public -32769 0 0 0:"},
+    {"a GET", build({}), "1 GET public 1 0 0 1" + up_time},
+    {"v1", build({.version = "02 01 00", .pdu_tag = 0xA1, .id = "02 02 FF 7F"}),
+     "0 GETNEXT public -129 0 0 1" + up_time},
+    {"5 octets, no varbind", build({.id = "02 05 01 00 00 00 05", .varbinds = ""}), "1 GET public 5 0 0 0:"},
+    {"bulk", build({.pdu_tag = 0xA5, .second = "02 01 FF", .third = "02 02 00 80"}),
+     "1 GETBULK public 1 4294967295 128 1" + up_time},
     {"20 varbinds", with(repeated(20, short_varbind)), "1 GET public 1 0 0 20: 06 02 2B 06"},
-    {"one octet", build({.community = "04 01 78", .varbinds = ""}), "1 GET x 1 0 0 0:"},
-    {"63 octets", build({.community = "04 3F" + repeated(63, " 61"), .varbinds = ""}),
-     "1 GET " + repeated(63, "a") + " 1 0 0 0:"},
+    {"63 octets", build({.community = "04 3F" + repeated(63, " 61")}),
+     "1 GET " + repeated(63, "a") + " 1 0 0 1" + up_time},
     {"a zero inside", build({.community = "04 03 61 00 62", .varbinds = ""}), "1 GET a 1 0 0 0:"},
     {"0x80 as length 0", with("30 05 06 01 2B 05 80"), "1 GET public 1 0 0 1: 06 01 2B"},
     {"long lengths", with("30 82 00 07 06 81 01 2B 04 01 00"), "1 GET public 1 0 0 1: 06 01 2B"},
@@ -119,23 +110,15 @@ TEST(decoder, accepts_a_whole_message_only) {
   }
 }
 
-TEST(decoder, names_pdus) {
-  std::string names;
-  for (uint32_t type = 0x9F; type <= 0xA9; type++) names += std::string(" ") + get_pdu_name(type);
-  EXPECT_EQ(" ? GET GETNEXT RESPONSE SET ? GETBULK INFORM TRAP REPORT ?", names);
-}
-
-// Lengths that would wrap when added to the cursor, and others that a request cannot bring.
+// Lengths that would wrap when added to the cursor.
 TEST(decoder, steps_hold_against_any_length) {
   captured_log log;
-  const octets ones(70000, 0x01);
+  const octets two = {1, 1};
   size_t cursor = 1;
   uint32_t number;
   snmp_oid oid;
   EXPECT_EQ(-1, decode_discart(2, &cursor, -1));
-  EXPECT_EQ(-1, decode_uint(ones.data(), 2, &cursor, SIZE_MAX, &number));
-  EXPECT_EQ(-1, decode_oid(ones.data(), 2, &cursor, SIZE_MAX, &oid));
-  EXPECT_EQ(-1, decode_oid(ones.data(), 2, &cursor, 0, &oid));
-  EXPECT_EQ(-1, decode_oid(ones.data(), ones.size(), &cursor, 65536, &oid));
-  EXPECT_TRUE(log.has(3, "decode_oid: len 65536 too big"));
+  EXPECT_EQ(-1, decode_uint(two.data(), 2, &cursor, SIZE_MAX, &number));
+  EXPECT_EQ(-1, decode_oid(two.data(), 2, &cursor, SIZE_MAX, &oid));
+  EXPECT_EQ(-1, decode_oid(two.data(), 2, &cursor, 0, &oid));
 }

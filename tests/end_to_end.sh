@@ -10,14 +10,12 @@ host=
 trap '[ -z "$host" ] || kill "$host" 2>/dev/null || true; wait; rm -rf "$scratch"' EXIT
 
 failures=0
-# expect TITLE EXPECTED ACTUAL
 expect() {
   [ "$2" = "$3" ] && return
   printf 'FAILED %s\n expected: %s\n but got:  %s\n' "$1" "$2" "$3"
   failures=$((failures + 1))
 }
 
-# What the library exports, what it loads, and how it is hardened.
 library=$bin/libtorvasin_snmp.so
 expect symbols 'plugin_entry_0_6 plugin_entry_torvasin_module_version' \
   "$(nm -D --defined-only "$library" | awk '{print $3}' | sort | xargs)"
@@ -52,22 +50,15 @@ expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
   "$(awk '{print $1}' <<<"$walk")"
 expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \
   "$(ask snmpbulkwalk -v2c -c public "$agent" .1.3.6.1.4.1.99 | grep -v 'No more' | awk '{print $1}')"
-expect 'live text' ".1.3.6.1.4.1.99.4.2.0 = STRING: \"$(uname -n)\"" "$(grep '99\.4\.2\.0' <<<"$walk")"
 expect 'live numbers' 7 "$(grep -cE '99\.(1\.[1-4]|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
 expect 'v1, any community' "$(uname -n)" \
   "$(ask snmpget -v1 -c anything -Oqv "$agent" .1.3.6.1.4.1.99.4.2.0 | tr -d '"')"
-expect 'v2c, wrong community' 1 \
-  "$(ask snmpget -v2c -c private "$agent" .1.3.6.1.4.1.99.4.2.0 | grep -c 'Reason: noAccess')"
-expect 'v2c, unknown OID' '.1.3.6.1.4.1.99.9.0 = No Such Object available on this agent at this OID' \
-  "$(ask snmpget -v2c -c public "$agent" .1.3.6.1.4.1.99.9.0)"
 expect 'v1, unknown OID' 1 "$(ask snmpget -v1 -c x "$agent" .1.3.6.1.4.1.99.4.1.0 .1.3.6.1.4.1.99.9.0 |
   grep -c 'Failed object: .1.3.6.1.4.1.99.9.0')"
-expect 'get bulk' 5 "$(ask snmpbulkget -v2c -c public -Cn1 -Cr4 "$agent" .1.3.6 .1.3.6.1.4.1.99.2 | wc -l)"
 
-status=0
-"$bin/torvasin_host" --conf-file "$scratch/agent.ini" 2>"$scratch/second" || status=$?
 expect 'port in use' "1 error bind(127.0.0.1:$port) socker: 98 Address already in use" \
-  "$status $(grep -o 'error bind.*' "$scratch/second")"
+  "$("$bin/torvasin_host" --conf-file "$scratch/agent.ini" 2>"$scratch/second" || echo $?) $(
+    grep -o 'error bind.*' "$scratch/second")"
 status=0
 kill -TERM "$host"
 wait "$host" || status=$?
@@ -75,5 +66,4 @@ host=
 expect 'ended by a signal' '0 preStopCycle(snmp) stopCycle(snmp, 0)' \
   "$status $(sed 's/.*:[0-9]* //' "$scratch/log" | xargs)"
 
-printf '%d failed\n' "$failures"
-[ "$failures" -eq 0 ]
+printf '%d failed\n' "$failures" && [ "$failures" -eq 0 ]

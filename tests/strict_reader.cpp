@@ -1,6 +1,5 @@
 #include "strict_reader.h"
 
-#include <algorithm>
 #include <span>
 #include <utility>
 
@@ -10,18 +9,13 @@ namespace {
 
 using view = std::span<const uint8_t>;
 
-struct broken {
-  const char* rule;
-};
-
 void require(bool holds, const char* otherwise) {
-  if (!holds) throw broken{otherwise};
+  if (!holds) throw otherwise;
 }
 
 // Takes an element of this tag off the front; returns its content.
 view element(view& in, uint8_t tag) {
-  require(in.size() >= 2, "header cut off");
-  require(in[0] == tag, "unexpected tag");
+  require(in.size() >= 2 && in[0] == tag, "no header, or unexpected tag");
   const size_t length_octets = in[1] < 0x80 ? 0 : in[1] - 0x80u;
   require(in[1] != 0x80 && length_octets <= 2 && in.size() >= 2 + length_octets, "length form");
   size_t length = length_octets == 0 ? in[1] : 0;
@@ -43,15 +37,12 @@ int64_t number(view content) {
   require(!content.empty() && content.size() <= 5, "integer length");
   int64_t value = content[0] >= 0x80 ? -1 : 0;
   for (uint8_t octet : content) value = value * 0x100 + octet;
-  const bool shortest = content.size() == 1 || content[0] != (content[1] >= 0x80 ? 0xFF : 0x00);
-  require(shortest, "integer not in its shortest form");
+  require(content.size() == 1 || content[0] != (content[1] >= 0x80 ? 0xFF : 0x00), "integer not in its shortest form");
   return value;
 }
 
 std::vector<uint32_t> oid(view content) {
-  require(!content.empty(), "no OID");
-  require(content[0] < 0x80, "first octet of an OID");
-  require(content.back() < 0x80, "sub-identifier cut off");
+  require(!content.empty() && content[0] < 0x80 && content.back() < 0x80, "first or last octet of an OID");
   std::vector<uint32_t> subids = {content[0] / 40u, content[0] % 40u};
   uint64_t subid = 0;
   for (uint8_t octet : content.subspan(1)) {
@@ -70,15 +61,11 @@ void check_value(view value) {
   require(!value.empty(), "no value");
   const uint8_t tag = value[0];
   const view content = last_element(value, tag);
-  if (tag == 0x02) {
-    require(std::in_range<int32_t>(number(content)), "INTEGER out of range");
-  } else if (tag == 0x41) {
-    require(std::in_range<uint32_t>(number(content)), "Counter32 out of range");
-  } else if (tag == 0x05 || tag == 0x80 || tag == 0x82) {
-    require(content.empty(), "content of an empty value");
-  } else {
-    require(tag == 0x04, "value of an unknown type");
-  }
+  const bool empty = tag == 0x05 || tag == 0x80 || tag == 0x82;
+  if (tag == 0x02) require(std::in_range<int32_t>(number(content)), "INTEGER out of range");
+  if (tag == 0x41) require(std::in_range<uint32_t>(number(content)), "Counter32 out of range");
+  if (empty) require(content.empty(), "content of an empty value");
+  require(empty || tag == 0x02 || tag == 0x41 || tag == 0x04, "value of an unknown type");
 }
 
 }  // namespace
@@ -99,7 +86,7 @@ const char* read_strictly(const uint8_t* message, size_t length, read_response* 
     response->varbinds.push_back({std::move(name), {varbind.begin(), varbind.end()}});
   }
   return response->varbinds.size() > 20 ? "more than 20 varbinds" : nullptr;
-} catch (const broken& fault) { return fault.rule; }
+} catch (const char* fault) { return fault; }
 
 std::string describe(const uint8_t* message, size_t length) {
   read_response response;

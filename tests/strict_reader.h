@@ -4,23 +4,15 @@
 #ifndef TORVASIN_TESTS_STRICT_READER_H
 #define TORVASIN_TESTS_STRICT_READER_H
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-struct read_varbind {
-  std::vector<uint32_t> name;
-  std::vector<uint8_t> value;  // tag, length and content
-};
-
 struct read_response {
   int64_t version;
   std::string community;
-  int64_t id;
-  int64_t error_status;
-  int64_t error_index;
-  std::vector<read_varbind> varbinds;
+  int64_t id, error_status, error_index;
+  std::vector<std::pair<std::vector<uint32_t>, std::vector<uint8_t>>> varbinds;  // name; tag, length and content
 };
 
 // Null when the message is a well-formed GetResponse, else what is wrong with it.

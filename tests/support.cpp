@@ -10,14 +10,11 @@ octets from_hex(const std::string& hex) {
   return result;
 }
 
-std::string to_hex(const uint8_t* data, size_t length) {
+std::string to_hex(const octets& data) {
   constexpr char digits[] = "0123456789ABCDEF";
   std::string hex;
-  for (size_t i = 0; i < length; i++) {
-    if (i > 0) hex += ' ';
-    hex += {digits[data[i] >> 4], digits[data[i] & 0x0F]};
-  }
-  return hex;
+  for (const uint8_t octet : data) hex += {' ', digits[octet >> 4], digits[octet & 0x0F]};
+  return hex.substr(hex.empty() ? 0 : 1);
 }
 
 octets operator+(octets left, const octets& right) {
@@ -46,39 +43,32 @@ octets build(const request_parts& parts) {
 }
 
 snmp_oid oid_of(std::initializer_list<uint32_t> subids) {
-  snmp_oid oid = {};
+  snmp_oid oid = {{}, subids.size()};
   std::copy(subids.begin(), subids.end(), oid.subid);
-  oid.count = subids.size();
   return oid;
 }
 
 captured_log::captured_log() {
   torvasin_host::set_log_level(1);
-  torvasin_host::set_log_sink(sink, this);
-}
-
-captured_log::~captured_log() {
-  torvasin_host::set_log_sink(nullptr, nullptr);
-  torvasin_host::set_log_level(2);
-}
-
-void captured_log::sink(const torvasin_host::log_record& record, void* self) {
-  auto* log = static_cast<captured_log*>(self);
-  const std::string line = std::to_string(record.level) + " " + std::string(record.text) + "\n";
-  const std::lock_guard guard(log->mutex_);
-  log->all_ += line;
-  if (record.level >= 2) log->important_ += line;
+  const auto keep = [](const torvasin_host::log_record& record, void* self) {
+    auto* log = static_cast<captured_log*>(self);
+    const std::lock_guard guard(log->mutex_);
+    log->lines_.emplace_back(record.level, record.text);
+  };
+  torvasin_host::set_log_sink(keep, this);
 }
 
 std::string captured_log::take(int least_level) {
   const std::lock_guard guard(mutex_);
-  std::string taken = least_level < 2 ? all_ : important_;
-  all_.clear();
-  important_.clear();
+  std::string taken;
+  for (const auto& [level, text] : lines_) {
+    if (level >= least_level) taken += std::to_string(level) + " " + text + "\n";
+  }
+  lines_.clear();
   return taken;
 }
 
 bool captured_log::has(int level, const std::string& text) {
   const std::lock_guard guard(mutex_);
-  return ("\n" + all_).find("\n" + std::to_string(level) + " " + text + "\n") != std::string::npos;
+  return std::ranges::count(lines_, std::pair(level, text)) > 0;
 }

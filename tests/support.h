@@ -12,15 +12,13 @@
 
 using octets = std::vector<uint8_t>;
 
-octets from_hex(const std::string& hex);                 // blanks are ignored
-std::string to_hex(const uint8_t* data, size_t length);  // "30 0A ..."
-inline std::string to_hex(const octets& data) { return to_hex(data.data(), data.size()); }
+octets from_hex(const std::string& hex);  // "30 0A ..."
+std::string to_hex(const octets& data);
 octets tlv(uint8_t tag, const octets& content);
 octets operator+(octets left, const octets& right);
 std::string repeated(size_t times, const std::string& text);
 
-// An SNMPv2c GET of 1.3.6.1.2.1.1.3.0, of which a test changes what it is about. All but the tags
-// are hex; the lengths of the constructed elements follow.
+// An SNMPv2c GET of 1.3.6.1.2.1.1.3.0, of which a test changes what it is about; hex, but for the tags.
 struct request_parts {
   uint8_t message_tag = 0x30;
   std::string version = "02 01 01";
@@ -44,21 +42,19 @@ inline octets encoded(const snmp_oid& oid) {
 }
 inline std::string null_varbind(const snmp_oid& oid) { return to_hex(tlv(0x30, encoded(oid) + octets{5, 0})) + " "; }
 
-// Captures the log from its construction to its destruction.
+// Captures the log, all levels of it, from its construction to its destruction.
 class captured_log {
  public:
   captured_log();
-  ~captured_log();
+  ~captured_log() { torvasin_host::set_log_sink(nullptr, nullptr); }
 
-  // The lines since the last call, each as "level text\n"; those of level 1 only if wanted.
+  // The lines since the last call of this level and above, each as "level text\n".
   std::string take(int least_level = 2);
   bool has(int level, const std::string& text);  // among the lines not yet taken
 
  private:
-  static void sink(const torvasin_host::log_record& record, void* self);
-
   std::mutex mutex_;
-  std::string all_, important_;  // all lines, and those of level 2 and above
+  std::vector<std::pair<int, std::string>> lines_;  // not yet taken
 };
 
 #endif  // TORVASIN_TESTS_SUPPORT_H

@@ -1,4 +1,3 @@
-// A client on a loopback socket, for tests that ask a real agent.
 
 #ifndef TORVASIN_TESTS_UDP_CLIENT_H
 #define TORVASIN_TESTS_UDP_CLIENT_H
@@ -11,9 +10,9 @@
 #include "strict_reader.h"
 #include "support.h"
 
+// Asks a real agent over loopback, at the address that an agent's socket is bound to.
 class udp_client {
  public:
-  // Talks to the address that an agent's socket is bound to.
   explicit udp_client(int agent_socket) {
     sockaddr_in agent = {};
     socklen_t length = sizeof agent;
@@ -22,7 +21,6 @@ class udp_client {
   }
   ~udp_client() { close(fd_); }
   udp_client(const udp_client&) = delete;
-  udp_client& operator=(const udp_client&) = delete;
 
   void tell(const octets& datagram) { send(fd_, datagram.data(), datagram.size(), 0); }
 
