@@ -53,6 +53,10 @@ expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \
 expect 'live numbers' 7 "$(grep -cE '99\.(1\.[1-4]|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
 expect 'v1, any community' "$(uname -n)" \
   "$(ask snmpget -v1 -c anything -Oqv "$agent" .1.3.6.1.4.1.99.4.2.0 | tr -d '"')"
+expect 'v2c, wrong community' 1 \
+  "$(ask snmpget -v2c -c private "$agent" .1.3.6.1.4.1.99.4.2.0 | grep -c 'Reason: noAccess')"
+expect 'v2c, unknown OID' '.1.3.6.1.4.1.99.9.0 = No Such Object available on this agent at this OID' \
+  "$(ask snmpget -v2c -c public "$agent" .1.3.6.1.4.1.99.9.0)"
 expect 'v1, unknown OID' 1 "$(ask snmpget -v1 -c x "$agent" .1.3.6.1.4.1.99.4.1.0 .1.3.6.1.4.1.99.9.0 |
   grep -c 'Failed object: .1.3.6.1.4.1.99.9.0')"
 

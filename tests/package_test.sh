@@ -9,5 +9,6 @@ cpack --config "$1/CPackConfig.cmake" -B "$scratch" >"$scratch/log" || { cat "$s
 dpkg-deb -x "$scratch"/*.deb "$scratch/root"
 cd "$scratch/root"
 example=$(find usr/share/doc -name snmpmanager.ini)
+usr/bin/torvasin_host --version
 usr/bin/torvasin_host --conf-file "$example" --check | grep '^0 errors, 0 problems'
 snmptranslate -M "$(dirname "$example")" -m TORVASIN-EXAMPLE-MIB -On TORVASIN-EXAMPLE-MIB::uptime.0
