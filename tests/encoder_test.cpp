@@ -108,6 +108,8 @@ TEST_F(responses, what_does_not_fit_is_named_from_the_end) {
   for (const auto& [room, message] : rows) refused(room, message);
   text_size = 65536;
   refused(1472, "varbind: no space in buffer for DATA :-(");
+  response.varbind[0].writer = [](ber_tlv*, size_t, size_t*, void*) { return -1; };  // gives no size either
+  refused(1472, "varbind: no space in buffer for DATA :-(");
   request.oid_count = SNMP_MAX_VARBINDS + 1;
   response.error_status = SNMP_NO_ACCESS;
   refused(1472, "response: too much oid");

@@ -172,7 +172,7 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
     SNMP_LOG(FAILURE, "programming error %d", __LINE__);
   }
   const size_t length = strlen(text);
-  if (length > BER_MAX_LENGTH) capacity = 0;
+  if (length > BER_MAX_LENGTH) capacity = 0;  // has no encoding: no room is enough
   return write_value(destination, capacity, size_out, get_strlen(length),
                      [text, length](ber_tlv* at) { encode_str(at, text, length); });
 }

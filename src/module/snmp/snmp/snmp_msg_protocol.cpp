@@ -534,9 +534,9 @@ struct tail_writer {
 };
 
 // The one way to room in the buffer: the n octets in front of what is written, or null when fewer
-// are free or n is 0, the size of a header that cannot be.
+// are free.
 uint8_t* make_room(tail_writer* out, size_t n) {
-  if (n == 0 || out->position < n) return nullptr;
+  if (out->position < n) return nullptr;
   out->position -= n;
   return out->buffer + out->position;
 }
@@ -545,10 +545,12 @@ size_t written(const tail_writer* out) {
   return out->size - out->position;
 }
 
-// These put one element in front of what is written, or return false when there is no room.
+// These put one element in front of what is written, or return false when there is no room for it
+// or, for a header, no length form.
 
 bool prepend_header(tail_writer* out, uint8_t tag, size_t content) {
-  uint8_t* room = make_room(out, header_size(content));
+  const size_t header = header_size(content);
+  uint8_t* room = header != 0 ? make_room(out, header) : nullptr;
   if (room != nullptr) write_header(room, tag, content);
   return room != nullptr;
 }
