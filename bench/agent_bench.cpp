@@ -28,7 +28,7 @@ enum class layout {
 };
 
 object_id oid_of(layout order, std::uint32_t index) {
-  if (order == layout::constant_tail) return {1, 3, 6, 1, 4, 1, 99, 1, 2, index + 1, 1, 0};
+  if (order == layout::constant_tail) return {1, 3, 6, 1, 4, 1, 32473, 1, 2, index + 1, 1, 0};
   return table_oid(index);
 }
 

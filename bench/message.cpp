@@ -134,7 +134,8 @@ reader open_pdu(octet_span message, std::uint8_t& pdu) {
 }  // namespace
 
 object_id table_oid(std::uint32_t index) {
-  return {1, 3, 6, 1, 4, 1, 99, 1, 2, index / rows_per_column + 1, index % rows_per_column + 1, 0};
+  return {1, 3, 6, 1, 4, 1, 32473, 1, 2, index / rows_per_column + 1, index % rows_per_column + 1,
+          0};
 }
 
 std::vector<std::size_t> spread(std::size_t count, std::size_t last) {

@@ -46,7 +46,7 @@ class soak {
   soak(std::uint16_t port, std::uint32_t seed) : random_(seed) {
     std::vector<object_id> oids;
     for (std::uint32_t group = 1; group <= 4; group++) {
-      for (std::uint32_t i = 1; i <= 3; i++) oids.push_back({1, 3, 6, 1, 4, 1, 99, group, i, 0});
+      for (std::uint32_t i = 1; i <= 3; i++) oids.push_back({1, 3, 6, 1, 4, 1, 32473, group, i, 0});
     }
     for (auto kind :
          {request_kind::get1, request_kind::get20, request_kind::next1, request_kind::bulk20}) {

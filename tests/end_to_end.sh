@@ -33,7 +33,7 @@ start_host() {
     "$bin/torvasin_host" --conf-file "$scratch/agent.ini" 2>"$scratch/log" &
     host=$!
     for _ in $(seq 50); do
-      snmpget -v2c -c public -t 0.1 -r 0 "127.0.0.1:$port" .1.3.6.1.4.1.99.4.1.0 >/dev/null 2>&1 && return
+      snmpget -v2c -c public -t 0.1 -r 0 "127.0.0.1:$port" .1.3.6.1.4.1.32473.4.1.0 >/dev/null 2>&1 && return
       kill -0 "$host" 2>/dev/null || break
     done
   done
@@ -45,20 +45,20 @@ sleep 0.3 # the slow meters' first round
 ask() { "$1" -On -m '' -r 1 "${@:2}" 2>&1 || true; }
 agent=127.0.0.1:$port
 
-walk=$(ask snmpwalk -v2c -c public "$agent" .1.3.6.1.4.1.99 | grep -v 'No more')
+walk=$(ask snmpwalk -v2c -c public "$agent" .1.3.6.1.4.1.32473 | grep -v 'No more')
 expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
   "$(awk '{print $1}' <<<"$walk")"
 expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \
-  "$(ask snmpbulkwalk -v2c -c public "$agent" .1.3.6.1.4.1.99 | grep -v 'No more' | awk '{print $1}')"
-expect 'live numbers' 7 "$(grep -cE '99\.(1\.[1-4]|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
+  "$(ask snmpbulkwalk -v2c -c public "$agent" .1.3.6.1.4.1.32473 | grep -v 'No more' | awk '{print $1}')"
+expect 'live numbers' 7 "$(grep -cE '32473\.(1\.[1-4]|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
 expect 'v1, any community' "$(uname -n)" \
-  "$(ask snmpget -v1 -c anything -Oqv "$agent" .1.3.6.1.4.1.99.4.2.0 | tr -d '"')"
+  "$(ask snmpget -v1 -c anything -Oqv "$agent" .1.3.6.1.4.1.32473.4.2.0 | tr -d '"')"
 expect 'v2c, wrong community' 1 \
-  "$(ask snmpget -v2c -c private "$agent" .1.3.6.1.4.1.99.4.2.0 | grep -c 'Reason: noAccess')"
-expect 'v2c, unknown OID' '.1.3.6.1.4.1.99.9.0 = No Such Object available on this agent at this OID' \
-  "$(ask snmpget -v2c -c public "$agent" .1.3.6.1.4.1.99.9.0)"
-expect 'v1, unknown OID' 1 "$(ask snmpget -v1 -c x "$agent" .1.3.6.1.4.1.99.4.1.0 .1.3.6.1.4.1.99.9.0 |
-  grep -c 'Failed object: .1.3.6.1.4.1.99.9.0')"
+  "$(ask snmpget -v2c -c private "$agent" .1.3.6.1.4.1.32473.4.2.0 | grep -c 'Reason: noAccess')"
+expect 'v2c, unknown OID' '.1.3.6.1.4.1.32473.9.0 = No Such Object available on this agent at this OID' \
+  "$(ask snmpget -v2c -c public "$agent" .1.3.6.1.4.1.32473.9.0)"
+expect 'v1, unknown OID' 1 "$(ask snmpget -v1 -c x "$agent" .1.3.6.1.4.1.32473.4.1.0 .1.3.6.1.4.1.32473.9.0 |
+  grep -c 'Failed object: .1.3.6.1.4.1.32473.9.0')"
 
 expect 'port in use' "1 error bind(127.0.0.1:$port) socker: 98 Address already in use" \
   "$("$bin/torvasin_host" --conf-file "$scratch/agent.ini" 2>"$scratch/second" || echo $?) $(

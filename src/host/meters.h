@@ -26,6 +26,7 @@ using meter_reader = std::optional<value_type> (*)(meter_state& state);
 struct meter {
   const char* name;         // the key in a list
   torvasin_speed speed;     // the set it lives in
+  bool counts;              // only ever grows, and starts again from 0 after 2^32 - 1
   const char* description;  // one line, with the unit
   // In the order of the tags, so that the kind of the reader tells the tag.
   std::variant<meter_reader<std::uint32_t>, meter_reader<std::int32_t>, meter_reader<float>,
