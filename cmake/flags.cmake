@@ -2,7 +2,7 @@
 
 add_library(torvasin_flags INTERFACE)
 target_compile_options(torvasin_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Werror -Wformat=2 -Wshadow -Wconversion -Wsign-conversion -Wcast-align
+  -Wall -Wextra -Wpedantic -Wformat=2 -Wshadow -Wconversion -Wsign-conversion -Wcast-align
   -Wcast-qual -Wundef -Wvla -Wdouble-promotion -Wimplicit-fallthrough
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

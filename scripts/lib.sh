@@ -7,20 +7,24 @@ caller=$PWD
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
-build_packages=(build-essential cmake ninja-build pkg-config libinih-dev libcli11-dev)
+build_packages=(cmake g++ libcli11-dev libinih-dev libspdlog-dev ninja-build)
+
+# Runs a command with the privileges of root.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
 
 # Installs the Debian packages that are missing, quietly, and asks for nothing.
 need_packages() {
-  local missing=() package sudo=()
+  local missing=() package
   for package; do
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
       missing+=("$package")
   done
   [ ${#missing[@]} -gt 0 ] || return 0
-  [ "$(id -u)" -eq 0 ] || sudo=(sudo)
   printf 'Installing %s\n' "${missing[*]}"
-  "${sudo[@]}" apt-get update -qq
-  "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
@@ -28,4 +32,11 @@ need_packages() {
 build_preset() {
   [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
   cmake --build "build/$1"
+}
+
+# sources NAME...: the files of the tree, but for builds, whose names match one of the patterns.
+sources() {
+  local patterns=() name
+  for name; do patterns+=(-o -name "$name"); done
+  find . \( -path ./build -o -path ./.git \) -prune -o -type f \( "${patterns[@]:1}" \) -print
 }
