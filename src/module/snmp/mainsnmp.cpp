@@ -93,7 +93,7 @@ number item_number(const snmp_meter_binding* binding) {
 }  // namespace
 
 int32_t get_or_create_item(snmp_module* module, const char* name) {
-  for (uint32_t i = 0; i < module->item_count; i++) {
+  for (uint32_t i = 0; module->bindings != nullptr && i < module->item_count; i++) {
     if (strcmp(module->bindings[i].name, name) == 0) return static_cast<int32_t>(i);
   }
   if (strlen(name) >= ITEM_NAME_SIZE) {
@@ -212,10 +212,11 @@ void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) 
 int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed) {
   const int32_t locked = retry(pthread_mutex_lock, &module->lock);
   if (locked != 0) return locked;
-  for (uint32_t i = 0; i < module->item_count; i++) {
+  const uint32_t count = module->bindings != nullptr ? module->item_count : 0;
+  for (uint32_t i = 0; i < count; i++) {
     module->bindings[i].refreshed = (module->bindings[i].fast != speed);
   }
-  for (uint32_t i = 0; i < module->item_count; i++) {
+  for (uint32_t i = 0; i < count; i++) {
     snmp_meter_binding* binding = &module->bindings[i];
     if (binding->refreshed != 0) continue;
     const torvasin_value* meter = nullptr;
@@ -477,9 +478,6 @@ namespace {
 constexpr char poller[] = "module_thread_loop";
 constexpr int mask_cpus = 32;  // CPUs that an affinity mask can name
 
-// Set while a poller exists. All instances in the process share the pipeline's two records.
-std::atomic<bool> poller_exists;
-
 bool running(snmp_module* module) {
   return std::atomic_ref<int32_t>(module->run).load() == 1;
 }
@@ -566,6 +564,7 @@ void* module_thread_loop(void* argument) {
   if (module->affinity >= 1) apply_affinity(module->affinity);
   if (module->renice != 0) apply_niceness(module->renice);
 
+  prepare_minimal_snmp();
   uint8_t packet[SNMP_MAX_DATAGRAM];
   snmp_send_ctx sender = {{}, module->fd};
   socklen_t peer_length = sizeof sender.peer;
@@ -678,7 +677,7 @@ int32_t start_module(torvasin_plugin_context* context, snmp_module* module,
   const char* path = read_host_keys(module, list);
   // Without its file the agent still binds and answers.
   if (parse_config_file(context, path) != 0) SNMP_LOG(ERROR, "problem parsing %s", path);
-  if (module->item_count != 0 && link_snmp_items(module) != 0) return -1;
+  if (module->bindings != nullptr && link_snmp_items(module) != 0) return -1;
   if (bind_socket(module) != 0) return -1;
   return register_callbacks(context, module);
 }
@@ -724,14 +723,8 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
 void startThread(torvasin_plugin_context* context) {
   snmp_module* module = module_of(context);
   set_running(module, 1);
-  if (poller_exists.exchange(true)) {
-    SNMP_LOG(FAILURE, "%s: %s stays without a poller, another instance has one", __func__,
-             context->name);
-    return;
-  }
   if (pthread_create(&module->thread, nullptr, module_thread_loop, context) != 0) {
     SNMP_LOG(FAILURE, "not possible to poller thread");
-    poller_exists = false;
     return;
   }
   module->thread_created = 1;
@@ -748,7 +741,6 @@ void preStopCycle(torvasin_plugin_context* context) {
   if (module->thread_created == 0) return;
   if (pthread_join(module->thread, nullptr) != 0) SNMP_LOG(TRACE, "error join thread");
   module->thread_created = 0;
-  poller_exists = false;
 }
 
 void stopCycle(torvasin_plugin_context* context, int32_t n) {

@@ -5,8 +5,8 @@
 // callbacks, at any moment between their registration and their removal. One poller thread answers
 // datagrams. `lock` is the only lock: the poller holds it while it handles a datagram, the send
 // included, a meter callback for a whole refresh. The item tables change shape only inside
-// startCycle and stopCycle, when neither runs. Several instances may be started in one process, but
-// only one at a time has a poller, since all share the pipeline's request and response records.
+// startCycle and stopCycle, when neither runs. Instances in one process share nothing: each has its
+// context, its state and its poller, and each poller its own request and response record.
 //
 // Ownership. The host owns the context, its lists and the allocator; the module owns snmp_module,
 // which owns the two tables, the formulas and the socket. Nothing is allocated while datagrams are

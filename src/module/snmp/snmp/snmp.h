@@ -17,10 +17,15 @@ using snmp_send_callback = int32_t (*)(void* context, const uint8_t* message, si
 // Returns -1 when nothing is sent because the request is malformed or not served, or the response
 // does not fit; 0 when there is nothing to send or no callback; else what the callback returned.
 //
-// Not re-entrant: all calls share one request and one response record. The poller thread alone
-// calls it, holding the lock that guards the items and their values. Allocates nothing.
+// Each thread has its own request and response record, so any number of threads may call it at
+// once; the poller of an instance holds the lock that guards the items and their values. Allocates
+// nothing in a thread that has called prepare_minimal_snmp.
 int32_t minimal_snmp(const snmp_item* items, uint32_t item_count, const uint8_t* datagram,
                      size_t datagram_size, uint8_t* output, size_t output_size, void* send_context,
                      snmp_send_callback send);
+
+// Gives the calling thread the memory of its two records, about 4 KiB. A library that was loaded by
+// dlopen otherwise gets it from the heap at the first datagram.
+void prepare_minimal_snmp();
 
 #endif  // TORVASIN_SNMP_SNMP_H

@@ -15,10 +15,9 @@
 //     }
 //   }
 //
-// Everything here works on the caller's memory, allocates nothing and takes no lock. The functions
-// are re-entrant, but the agent keeps one request and one response, which only its poller thread
-// uses. Results are 0 for success and -1 for failure unless a function says otherwise; a failing
-// function has logged why, but for value writers and a message above BER_MAX_LENGTH.
+// Everything here works on the caller's memory, allocates nothing, takes no lock and is re-entrant.
+// Results are 0 for success and -1 for failure unless a function says otherwise; a failing function
+// has logged why, but for value writers and a message above BER_MAX_LENGTH.
 
 #ifndef TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
 #define TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
