@@ -52,6 +52,7 @@ TEST(lookups, agree_with_a_plain_search) {
       const snmp_item* found = items.data() + count;
       EXPECT_EQ(expected != nullptr ? 0 : -1, find(items.data(), count, &wanted, &found));
       EXPECT_EQ(expected, found);
+      EXPECT_EQ(expected != nullptr ? 0 : -1, find(items.data(), count, &wanted, nullptr));
     };
     check(equal, find_snmp_item);
     check(next, find_next_snmp_item);
@@ -146,6 +147,20 @@ TEST(pipeline, bulk_ends_with_a_full_response) {
   }
   EXPECT_EQ(expected, ask(table_of(descending), getbulk(0, 100, {before, descending[25]})));
   EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getbulk oid found put impossible to answer :("));
+}
+
+TEST(handlers, write_nothing_behind_a_full_response) {
+  captured_log log;
+  snmp_response responses[2] = {};  // the second one for what is written beyond the first
+  snmp_request request = {"public", PDU_GET, SNMP_V2C, 1, 0, 0, {unknown, a}, 0};
+  for (const uint64_t count : {20u, 21u}) {
+    responses->varbind_count = count;
+    request.oid_count = 1;
+    EXPECT_EQ(0, minimal_snmp_handle_get(table.data(), 5, &request, responses));
+    request.oid_count = 2;
+    EXPECT_EQ(-1, minimal_snmp_handle_get(table.data(), 5, &request, responses));
+    EXPECT_EQ(count, responses->varbind_count);
+  }
 }
 
 TEST(pipeline, messages) {

@@ -38,7 +38,7 @@ bool ends_request(answer one) {
 answer answer_oid(const request_kind& kind, const snmp_item* items, uint32_t item_count,
                   const snmp_request* request, uint64_t position, snmp_response* response) {
   const snmp_oid* oid = &request->oid[position];
-  const bool full = response->varbind_count == SNMP_MAX_VARBINDS;
+  const bool full = response->varbind_count >= SNMP_MAX_VARBINDS;
   const snmp_item* item;
   if (kind.lookup(items, item_count, oid, &item) == 0) {
     if (full) {
