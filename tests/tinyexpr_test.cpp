@@ -34,7 +34,7 @@ TEST(TinyExpr, Language) {
   const std::tuple<double, int, std::vector<std::string>> rows[] = {
       {v, 0, {"value", "-+-value", " (1 ,\t2,\r\n(value)) ", "1, value", "abs -value"}},
       {4, 0, {"-2^2", "sqrt 4^2", "sqrt(value,16)", "3--1", "1e0*.4e1"}},
-      {64, 0, {"2^3^2", "4*2^4", "70-4-2", "0x40", "256/2/2", "(2+6)*8", "16%17^2*4"}},
+      {64, 0, {"2^3^2", "4*2^4", "97-31-2", "0x40", "256/2/2", "(2+6)*8", "16%17^2*4"}},
       {1, 0, {"8%5%2", "fac value", "ncr(5,0)", "npr(0,0)", "-1^2", "fac(1.9)"}},
       {-0.0, 0, {"-0", "-(value-.5)"}},
       {nan, 0, {"0/0", "fac -1", "fac(0/0)", "ncr(value,2)", "ncr(2,-value)", "ncr(1,0/0)"}},
@@ -50,7 +50,8 @@ TEST(TinyExpr, Language) {
       {nan, 2, {"1+", "1)", "(1", "()", "1e", "e("}},
       {nan, 3, {"1 2 3", "2**3", "1,,2", "e(1)"}},
       {nan, 5, {"Value+1", "1 + _a", "1.5.5 1", "1+pow"}},
-      {nan, 6, {"2value", "sqrt()", "pow(1)"}},
+      {nan, 6, {"2value", "sqrt()", "pow(1)", "1+pow(."}},
+      {nan, 7, {"e * 0.5.-pi + value"}},
   };
   for (const auto& [expected, position, texts] : rows) {
     for (const std::string& text : texts) check(text, v, expected, position);

@@ -188,10 +188,6 @@ constexpr bool is_blank(char c) {
 token read_number(compiler& c) {
   char* behind = nullptr;
   c.instruction = constant(strtod(c.next, &behind));
-  if (behind == c.next) {  // a lone point
-    ++c.next;
-    return token::bad;
-  }
   c.next = behind;
   return token::value;
 }
@@ -369,8 +365,9 @@ te_expr* te_compile(const char* expression, const te_variable* variables, int co
   c.next = expression;
   c.variables = variables;
   c.count = count;
-  // Each instruction comes from a token of its own, so from at least one character. calloc, because
-  // it refuses a product that overflows.
+  // Each instruction comes from a token of its own, so from at least one character: a lone point,
+  // which is never passed, ends the parse after its one number. calloc, because it refuses a
+  // product that overflows.
   c.code = static_cast<te_expr*>(calloc(strlen(expression) + 1, sizeof(te_expr)));
   bool compiled = false;
   if (c.code != nullptr) {

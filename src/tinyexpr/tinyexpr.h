@@ -13,10 +13,10 @@
 //   base   = number | variable | constant ["(" ")"] | function1 signed
 //          | function2 "(" expr "," expr ")" | "(" list ")"
 //
-// A number begins with a digit or a point and is read by strtod, in the locale of the process. A
-// name begins with an ASCII letter and goes on with letters, digits and "_"; case counts, and the
-// caller's variables come before the built-ins. Blanks, tabs, carriage returns and line feeds
-// separate tokens.
+// A number begins with a digit or a point and is read by strtod, in the locale of the process; of a
+// lone point strtod reads nothing, so no text goes on behind it. A name begins with an ASCII letter
+// and goes on with letters, digits and "_"; case counts, and the caller's variables come before the
+// built-ins. Blanks, tabs, carriage returns and line feeds separate tokens.
 //
 //   constants  e pi
 //   function1  abs acos asin atan ceil cos cosh exp fac floor ln log log10 sin sinh sqrt tan tanh
