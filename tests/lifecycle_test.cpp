@@ -1,7 +1,9 @@
 // Start, run and stop: the linker routes every call that can fail through the wrappers below.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <atomic>
 #include <climits>
@@ -12,7 +14,8 @@
 #include "host/memory.h"
 #include "host/meter_engine.h"
 #include "module/snmp/mainsnmp.h"
-#include "udp_client.h"
+#include "strict_reader.h"
+#include "support.h"
 
 namespace {
 
@@ -53,6 +56,11 @@ bool fails(const char* call, int, void*, size_t, int, sockaddr*, socklen_t*) {
 ptrdiff_t entries(const char* directory) { return std::distance(std::filesystem::directory_iterator(directory), {}); }
 ptrdiff_t files;  // open before a test
 
+// torvasin_keyValueListGetS: this host takes no list as an empty one, another need not.
+bool fails(const char*, const torvasin_key_value_list* list, const char*, const char**) {
+  return list->find("") != nullptr;
+}
+
 // torvasin_engine_rmCallbackMeterManager: the socket is there for as long as a callback may run.
 bool fails(const char*, void*, void*) {
   EXPECT_LT(files, entries("/proc/self/fd"));
@@ -75,6 +83,7 @@ WRAP(setsockopt, int, (int fd, int level, int name, const void* p, socklen_t n),
 WRAP(torvasin_engine_addCallbackMeterManager, void*, (void* e, int s, torvasin_meter_callback f, void* p), nullptr, e,
      s, f, p)
 WRAP(torvasin_engine_rmCallbackMeterManager, void, (void* e, void* registration), void(), e, registration)
+WRAP(torvasin_keyValueListGetS, int, (const torvasin_key_value_list* l, const char* k, const char** t), 1, l, k, t)
 WRAP(recvfrom, ssize_t, (int fd, void* p, size_t n, int flags, sockaddr* a, socklen_t* l), -1, fd, p, n, flags, a, l)
 WRAP(sendto, ssize_t, (int fd, const void* p, size_t n, int flags, const sockaddr* a, socklen_t l), -1, fd, p, n, flags,
      a, l)
@@ -110,6 +119,33 @@ const octets get_a_and_b = get(1, {1, 2});
 const char initial_values[] = "0 0: 1.3.6.1.1=410100 1.3.6.1.2=410103";
 const char unknown[] = "0 0: 1.3.6.1.1=8000 1.3.6.1.2=8000";
 
+// Asks a real agent over loopback, at the address that its socket is bound to.
+class udp_client {
+ public:
+  explicit udp_client(const torvasin_plugin_context& agent) {
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    getsockname(static_cast<snmp_module*>(agent.private_data)->fd, reinterpret_cast<sockaddr*>(&address), &length);
+    connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  }
+  ~udp_client() { close(fd_); }
+  udp_client(const udp_client&) = delete;
+
+  void tell(const octets& datagram) { send(fd_, datagram.data(), datagram.size(), 0); }
+
+  // The answer as describe() puts it, "silence" when none comes within the patience, milliseconds.
+  std::string ask(const octets& datagram, int patience = 30000) {
+    tell(datagram);
+    uint8_t answer[2048];
+    pollfd readable = {fd_, POLLIN, 0};
+    const ssize_t length = poll(&readable, 1, patience) > 0 ? recv(fd_, answer, sizeof answer, 0) : -1;
+    return length < 0 ? "silence" : describe(answer, static_cast<size_t>(length));
+  }
+
+ private:
+  int fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+};
+
 struct lifecycle : testing::Test {
   lifecycle() {
     std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
@@ -137,7 +173,7 @@ struct lifecycle : testing::Test {
     plugin_entry_0_6.stopCycle(&instance, 0);
   }
   snmp_module* module() { return static_cast<snmp_module*>(context.private_data); }
-  std::string ask() { return udp_client(module()->fd).ask(get_a_and_b); }
+  std::string ask() { return udp_client(context).ask(get_a_and_b); }
 
   void nothing_is_left() {
     torvasin_host::release_all_texts();
@@ -173,8 +209,10 @@ TEST_F(lifecycle, every_failure_of_a_start) {
       {"torvasin_engine_addCallbackMeterManager", 0, 1, -1, "4 cannot register meter fast callback\n"},
       {"pthread_create", EAGAIN, 0, 0, "4 not possible to poller thread\n"},
       {"pthread_setname_np", ERANGE, 0, 0, "2 not possible to set thread name 34 Numerical result out of range\n"},
-      {"pthread_setaffinity_np", EINVAL, 0, 0, "4 module_thread_loop: invalid affinity: Invalid argument\n"},
-      {"pthread_getaffinity_np", EINVAL, 0, 0, "4 module_thread_loop: invalid getting affinity: Invalid argument\n"},
+      {"pthread_setaffinity_np", EINVAL, 0, 0,
+       "4 module_thread_loop: invalid affinity: Invalid argument\n1 module_thread_loop: new nice"},
+      {"pthread_getaffinity_np", EINVAL, 0, 0,
+       "4 module_thread_loop: invalid getting affinity: Invalid argument\n1 module_thread_loop: new nice"},
   };
   host_keys.set("affinity", 1u);
   int renice = 5, niceness = 0;
@@ -230,6 +268,7 @@ TEST_F(lifecycle, files_that_cannot_be_used) {
   }
   plan("bind", EACCES);
   EXPECT_EQ(-1, plugin_entry_0_6.startCycle(&context, nullptr));
+  EXPECT_STREQ("0.6.25", plugin_entry_torvasin_module_version);
   EXPECT_EQ(
       "3 error -1 parsing snmpmanager.ini\n3 problem parsing snmpmanager.ini\n"
       "4 error bind(127.0.0.1:161) socker: 13 Permission denied\n",
@@ -238,7 +277,7 @@ TEST_F(lifecycle, files_that_cannot_be_used) {
 
 TEST_F(lifecycle, lock_that_cannot_be_taken) {
   ASSERT_EQ(0, start(context));
-  udp_client client(module()->fd);
+  udp_client client(context);
   torvasin_key_value_list list;
   list.set("m", 7u);
   list.set("n", 7u);
@@ -251,6 +290,7 @@ TEST_F(lifecycle, lock_that_cannot_be_taken) {
   EXPECT_EQ(EINVAL, meter_callback_fast(&list, &context));
   EXPECT_EQ(initial_values, client.ask(get_a_and_b));
   for (const char* call : {"pthread_mutex_lock", "pthread_mutex_unlock"}) {
+    EXPECT_EQ(0, meter_callback_fast(&list, &context));  // when the poller has given the lock back
     plan(call, EAGAIN, 0, 3);
     EXPECT_EQ(0, meter_callback_fast(&list, &context));
     plan(call, EAGAIN, 0, 3);
@@ -262,7 +302,7 @@ TEST_F(lifecycle, lock_that_cannot_be_taken) {
 
 TEST_F(lifecycle, datagrams_and_errors_of_the_socket) {
   ASSERT_EQ(0, start(context));
-  udp_client client(module()->fd), other(module()->fd);
+  udp_client client(context), other(context);
   plan("sendto", EPERM);
   client.tell(get_a_and_b);
   EXPECT_EQ(initial_values, other.ask(get_a_and_b));
@@ -286,7 +326,9 @@ TEST_F(lifecycle, datagrams_and_errors_of_the_socket) {
   torvasin_key_value_list list;
   list.set("s", std::string(fill, 'x'));
   EXPECT_EQ(0, meter_callback_fast(&list, &context));
+  const uint64_t allocations = torvasin_host::get_memory_stats().allocation_calls;
   EXPECT_EQ("0 0: 1.3.6.1.3=04820592" + repeated(fill, "78"), other.ask(get(1, {3})));  // as long as the request was
+  EXPECT_EQ(allocations, torvasin_host::get_memory_stats().allocation_calls);
   list.set("s", std::string(fill + 1, 'x'));
   EXPECT_EQ(0, meter_callback_fast(&list, &context));
   log.take();
@@ -316,24 +358,22 @@ TEST_F(lifecycle, two_instances_answer_side_by_side) {
   torvasin_plugin_context second = {"second", &engine, {}, nullptr};
   for (int round = 0; round < 20; round++) {
     std::atomic<int> refreshed[3] = {};
-    const auto ask = [&](std::stop_token stopped, int fd, uint32_t arc) {
-      udp_client client(fd);
+    const auto ask = [&](std::stop_token stopped, const torvasin_plugin_context& instance, uint32_t arc) {
+      udp_client client(instance);
       const std::string oid = " 1.3.6." + std::to_string(arc);
       while (!stopped.stop_requested()) {
         const std::string answer = client.ask(get(arc, {1, 2}), 50);
         if (answer == "silence" || answer.ends_with("=410103")) continue;
-        const std::string value = answer.substr(answer.rfind('='));
+        const std::string value = answer.substr(std::min(answer.rfind('='), answer.size()));
         EXPECT_EQ("0 0:" + oid + ".1" + value + oid + ".2" + value, answer);
         refreshed[arc]++;
       }
     };
-    std::jthread asking[3];
-    for (uint32_t arc : {1u, 2u}) {
-      torvasin_plugin_context& instance = arc == 1 ? context : second;
-      configure(port + items(std::to_string(arc)));
-      ASSERT_EQ(0, start(instance));
-      asking[arc] = std::jthread(ask, static_cast<snmp_module*>(instance.private_data)->fd, arc);
-    }
+    configure(port + items("1"));
+    ASSERT_EQ(0, start(context));
+    configure(port + items("2"));
+    ASSERT_EQ(0, start(second));
+    const std::jthread first(ask, std::cref(context), 1), other(ask, std::cref(second), 2);
     while (refreshed[1] < 100 || refreshed[2] < 100) usleep(100);
     stop(second);
     refreshed[1] = 0;

@@ -48,6 +48,14 @@ snmp_oid oid_of(std::initializer_list<uint32_t> subids) {
   return oid;
 }
 
+octets encoded(const snmp_oid& oid) {
+  octets name(get_oidlen(oid.subid, oid.count));
+  encode_snmp_oid(name.data(), oid.subid, oid.count);
+  return name;
+}
+
+std::string null_varbind(const snmp_oid& oid) { return to_hex(tlv(0x30, encoded(oid) + octets{5, 0})) + " "; }
+
 captured_log::captured_log() {
   torvasin_host::set_log_level(1);
   const auto keep = [](const torvasin_host::log_record& record, void* self) {

@@ -34,13 +34,8 @@ octets build(const request_parts& parts);
 
 snmp_oid oid_of(std::initializer_list<uint32_t> subids);
 
-// An OID in octets, and its varbind with the value NULL in hex. Inline, for programs without the codec.
-inline octets encoded(const snmp_oid& oid) {
-  octets name(get_oidlen(oid.subid, oid.count));
-  encode_snmp_oid(name.data(), oid.subid, oid.count);
-  return name;
-}
-inline std::string null_varbind(const snmp_oid& oid) { return to_hex(tlv(0x30, encoded(oid) + octets{5, 0})) + " "; }
+octets encoded(const snmp_oid& oid);
+std::string null_varbind(const snmp_oid& oid);  // with its value NULL, in hex
 
 // Captures the log, all levels of it, from its construction to its destruction.
 class captured_log {
