@@ -7,7 +7,6 @@
 
 #include "module/snmp/mainsnmp.h"
 #include "module/snmp/snmp/snmp.h"
-#include "strict_reader.h"
 #include "support.h"
 
 namespace {

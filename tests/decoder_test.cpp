@@ -15,14 +15,6 @@ const std::string request = "decode_snmp_request: ";
 const std::string mismatch = request + "package size does not match ";
 const std::string short_varbind = "30 06 06 02 2B 06 05 00 ";
 
-std::string of_every_type() {
-  std::string varbinds = short_varbind;
-  for (const uint8_t tag : from_hex("1 2 3 4 6 30 41 42 43 80 81 82 A0 A1 A2 A3 A5 A6 A7")) {
-    varbinds += "30 07 06 02 2B 06 " + to_hex({tag}) + " 01 00 ";
-  }
-  return varbinds;
-}
-
 const std::tuple<const char*, octets, std::string> refusals[] = {
     {"nothing", {}, "pos (0) out of buffer (0) (0)"},
     {"a tag alone", {0x30}, "decode_len: pos (1) out of buffer (1) (1)"},
@@ -87,7 +79,7 @@ const std::tuple<const char*, octets, std::string> acceptances[] = {
     {"5 octets, no varbind", build({.id = "02 05 01 80 00 00 05", .varbinds = ""}), "1 GET public -2147483643 0 0 0:"},
     {"bulk", build({.pdu_tag = 0xA5, .second = "02 01 FF", .third = "02 02 00 80"}),
      "1 GETBULK public 1 4294967295 128 1" + up_time},
-    {"20 varbinds, every type", with(of_every_type()), "1 GET public 1 0 0 20: 06 02 2B 06"},
+    {"20 varbinds", with(repeated(20, short_varbind)), "1 GET public 1 0 0 20: 06 02 2B 06"},
     {"63 octets", build({.community = "04 3F" + repeated(63, " 61")}),
      "1 GET " + repeated(63, "a") + " 1 0 0 1" + up_time},
     {"a zero inside", build({.community = "04 03 61 00 62", .varbinds = ""}), "1 GET a 1 0 0 0:"},
@@ -118,13 +110,17 @@ TEST(decoder, accepts_a_whole_message_only) {
   }
 }
 
-// Lengths that would wrap when added to the cursor.
-TEST(decoder, steps_hold_against_any_length) {
+// Among them lengths that would wrap when added to the cursor.
+TEST(decoder, steps_hold_against_any_tag_and_length) {
   captured_log log;
   const octets two = {1, 1};
-  size_t cursor = 1, count;
+  size_t cursor, count;
   uint32_t number;
   snmp_oid oid;
+  for (const uint8_t tag : from_hex("1 2 3 4 5 6 30 41 42 43 80 81 82 A0 A1 A2 A3 A5 A6 A7")) {
+    EXPECT_EQ(0, decode_len(octets{tag, 0}.data(), 2, &(cursor = 0), &number, &count)) << tag;
+  }
+  cursor = 1;
   EXPECT_EQ(-1, decode_discart(2, &cursor, -1));
   EXPECT_EQ(-1, decode_uint(two.data(), 2, &cursor, SIZE_MAX, &number));
   EXPECT_EQ(-1, decode_oid(two.data(), 2, &cursor, SIZE_MAX, &oid));

@@ -1,5 +1,3 @@
-#include "strict_reader.h"
-
 #include <span>
 #include <utility>
 
