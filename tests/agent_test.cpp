@@ -22,19 +22,24 @@ std::vector<snmp_item> table_of(const std::vector<snmp_oid>& oids) {
   return items;
 }
 
-// Short OIDs over few sub-identifiers, where prefixes, equals and neighbours abound, in std::vector's order.
+// OIDs that share a beginning, mostly, and go on with few of few sub-identifiers, where prefixes, equals and
+// neighbours abound, in std::vector's order. Entries beyond the count hold anything.
 TEST(lookups, agree_with_a_plain_search) {
   std::mt19937 random(1);
+  size_t shared = 0;
   const auto any_oid = [&] {
     const uint32_t subids[] = {0, 1, 2, 2147483648, 4294967295};
     snmp_oid oid = {};
-    oid.count = random() % 5;
-    for (size_t i = 0; i < oid.count; i++) oid.subid[i] = subids[random() % std::size(subids)];
+    oid.count = shared + random() % 5;
+    for (size_t i = 0; i < SNMP_MAX_SUBIDS; i++) {
+      oid.subid[i] = i < shared && random() % 16 != 0 ? 7 : subids[random() % std::size(subids)];
+    }
     return oid;
   };
   const auto plain = [](const snmp_oid& oid) { return std::vector<uint32_t>(oid.subid, oid.subid + oid.count); };
   for (int round = 0; round < 20000; round++) {
     SCOPED_TRACE(round);
+    shared = random() % 17;
     const auto count = static_cast<uint32_t>(random() % 13);
     std::vector<snmp_oid> oids(count);
     std::generate(oids.begin(), oids.end(), any_oid);
@@ -56,6 +61,7 @@ TEST(lookups, agree_with_a_plain_search) {
     check(equal, find_snmp_item);
     check(next, find_next_snmp_item);
   }
+  EXPECT_EQ(-1, find_snmp_item(nullptr, 0, nullptr, nullptr));
 }
 
 const snmp_oid a = oid_of({1, 3, 6, 1, 1});

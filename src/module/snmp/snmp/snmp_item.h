@@ -13,9 +13,8 @@
 using snmp_item = snmp_varbind;
 
 // The order of OIDs: by the first sub-identifier that differs, unsigned; a proper prefix comes
-// first. Negative, 0 or positive as a comes before, equals or follows b. The first `alike`
-// sub-identifiers are known to be equal and not looked at.
-int32_t compare_oid(const snmp_oid* a, const snmp_oid* b, uint64_t alike = 0);
+// first. Negative, 0 or positive as a comes before, equals or follows b.
+int32_t compare_oid(const snmp_oid* a, const snmp_oid* b);
 
 // The first item in table order with exactly this OID. Returns 0 and stores the item, or returns -1
 // and stores null; found may be null. Looks at item_count items at most.
