@@ -179,21 +179,22 @@ int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t 
   if (*octet >= 0x80) return REFUSE("%s: unsupported OID startbyte %02X", __func__, *octet);
   oid->subid[0] = *octet / 40u;
   oid->subid[1] = *octet % 40u;
-  oid->count = 2;
+  uint32_t* next = &oid->subid[2];
   octet++;
 
   while (octet < end) {
-    if (oid->count == SNMP_MAX_SUBIDS) {
-      return REFUSE("%s: OID too long (%u)", __func__, printed(oid->count));
+    if (next == std::end(oid->subid)) {
+      return REFUSE("%s: OID too long (%u)", __func__, printed(SNMP_MAX_SUBIDS));
     }
     uint32_t subid = *octet & 0x7Fu;
     while ((*octet & 0x80) != 0) {
       if (++octet == end) return REFUSE("%s: underflow for OID byte", __func__);
       subid = subid << 7 | (*octet & 0x7Fu);
     }
-    oid->subid[oid->count++] = subid;
+    *next++ = subid;
     octet++;
   }
+  oid->count = static_cast<uint64_t>(next - oid->subid);
   return 0;
 }
 
@@ -218,7 +219,18 @@ struct request_reader {
   size_t length;
 };
 
-int32_t read_header(request_reader* in) {
+// Nearly every header is two octets, with a length below 128. decode_len reads the others, and says
+// what is wrong with one.
+inline int32_t read_header(request_reader* in) {
+  if (in->size - in->cursor >= 2) {
+    const uint8_t* octet = in->datagram + in->cursor;
+    if (accepted_tags.has[octet[0]] && octet[1] < 0x80) {
+      in->tag = octet[0];
+      in->length = octet[1];
+      in->cursor += 2;
+      return 0;
+    }
+  }
   return decode_len(in->datagram, in->size, &in->cursor, &in->tag, &in->length);
 }
 
@@ -479,25 +491,23 @@ size_t subid_groups(uint32_t subid) {
   return 1u + (subid >= 1u << 7) + (subid >= 1u << 14) + (subid >= 1u << 21) + (subid >= 1u << 28);
 }
 
-// Most sub-identifiers are below 128 and take one group; both loops over them go by that.
-constexpr uint32_t two_groups = 1u << 7;
-
 size_t oid_content(const uint32_t* subid, size_t count) {
-  size_t content = count > 2 ? count - 1 : 1;
-  for (size_t i = 2; i < count; i++) {
-    if (subid[i] >= two_groups) content += subid_groups(subid[i]) - 1;
-  }
+  size_t content = 1;
+  for (size_t i = 2; i < count; i++) content += subid_groups(subid[i]);
   return content;
 }
 
-uint8_t* write_subid(uint8_t* destination, uint32_t subid) {
-  if (subid >= two_groups) {
-    for (size_t shift = 7 * (subid_groups(subid) - 1); shift > 0; shift -= 7) {
-      *destination++ = static_cast<uint8_t>(subid >> shift | 0x80);
-    }
+// Writes an OID whose encoding takes `size` octets, from its last octet to its first.
+void write_oid(uint8_t* destination, size_t size, const uint32_t* subid, size_t count) {
+  uint8_t* end = destination + size;
+  uint8_t* at = end;
+  for (size_t i = count; i > 2; i--) {
+    uint32_t groups = subid[i - 1];
+    *--at = static_cast<uint8_t>(groups & 0x7F);
+    while ((groups >>= 7) != 0) *--at = static_cast<uint8_t>(groups | 0x80);
   }
-  *destination++ = static_cast<uint8_t>(subid & 0x7F);
-  return destination;
+  *--at = static_cast<uint8_t>(subid[0] * 40 + subid[1]);
+  write_header(destination, BER_OBJECT_IDENTIFIER, static_cast<size_t>(end - at));
 }
 
 }  // namespace
@@ -515,9 +525,7 @@ int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t coun
   *destination = BER_OBJECT_IDENTIFIER;  // stands even where the length does not
   const size_t content = oid_content(subid, count);
   if (content > BER_MAX_LENGTH) return REFUSE("%s: OID not convertible", __func__);
-  uint8_t* at = write_header(destination, BER_OBJECT_IDENTIFIER, content);
-  *at++ = static_cast<uint8_t>(subid[0] * 40 + subid[1]);
-  for (size_t i = 2; i < count; i++) at = write_subid(at, subid[i]);
+  write_oid(destination, header_size(content) + content, subid, count);
   return 0;
 }
 
@@ -577,9 +585,10 @@ int32_t encode_snmp_varbind(tail_writer* out, const snmp_varbind* varbind) {
     return REFUSE("%s: no space in buffer for DATA :-(", varbind_name);
   }
 
-  room = make_room(out, get_oidlen(varbind->oid.subid, varbind->oid.count));
+  const size_t oid_size = get_oidlen(varbind->oid.subid, varbind->oid.count);
+  room = make_room(out, oid_size);
   if (room == nullptr) return REFUSE("%s: no space in buffer for OID", varbind_name);
-  if (encode_snmp_oid(room, varbind->oid.subid, varbind->oid.count) != 0) return -1;
+  write_oid(room, oid_size, varbind->oid.subid, varbind->oid.count);
 
   const size_t content = end - out->position;
   if (content > BER_MAX_LENGTH) return -1;
