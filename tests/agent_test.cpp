@@ -1,10 +1,12 @@
 // From a datagram to the response: lookups, handlers and the pipeline, over small item tables.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
 
+#include "module/snmp/mainsnmp.h"
 #include "module/snmp/snmp/snmp.h"
 #include "module/snmp/snmp/snmp_handler.h"
 #include "support.h"
@@ -178,4 +180,16 @@ TEST(pipeline, messages) {
   EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getnext oid not found") && log.has(3, "Error in encoding response"));
   EXPECT_EQ("-1", ask(table, {.message_tag = 0}));
   EXPECT_TRUE(log.has(1, "Error in request"));
+}
+
+// Every octet at every place, among octets of every number of digits.
+TEST(poller, writes_addresses_as_inet_ntop_does) {
+  for (const uint32_t others : {0u, 0x0A0A0A0Au, 0xFFFFFFFFu}) {
+    for (uint32_t i = 0; i < 4 * 256; i++) {
+      const uint32_t shift = i / 256 * 8;
+      const in_addr address = {(others & ~(0xFFu << shift)) | i % 256 << shift};
+      char expected[INET_ADDRSTRLEN], text[IP_TEXT_SIZE];
+      EXPECT_STREQ(inet_ntop(AF_INET, &address, expected, sizeof expected), write_address(address, text));
+    }
+  }
 }

@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
@@ -93,8 +95,9 @@ number item_number(const snmp_meter_binding* binding) {
 }  // namespace
 
 int32_t get_or_create_item(snmp_module* module, const char* name) {
-  for (uint32_t i = 0; module->bindings != nullptr && i < module->item_count; i++) {
-    if (strcmp(module->bindings[i].name, name) == 0) return static_cast<int32_t>(i);
+  // The keys of a section follow one another, so it is nearly always the last item.
+  for (uint32_t i = module->item_count; module->bindings != nullptr && i > 0; i--) {
+    if (strcmp(module->bindings[i - 1].name, name) == 0) return static_cast<int32_t>(i - 1);
   }
   if (strlen(name) >= ITEM_NAME_SIZE) {
     SNMP_LOG(ERROR, "%s item name too long: %s", "ini_handler_cb", name);
@@ -516,10 +519,6 @@ void apply_niceness(int32_t renice) {
   if (niceness != 0) SNMP_LOG(TRACE, "%s: new nice %d", poller, niceness);
 }
 
-const char* address_of(const sockaddr_in* peer, char (&text)[INET_ADDRSTRLEN]) {
-  return inet_ntop(AF_INET, &peer->sin_addr, text, sizeof text);
-}
-
 unsigned port_of(const sockaddr_in* peer) {
   return ntohs(peer->sin_port);
 }
@@ -527,8 +526,8 @@ unsigned port_of(const sockaddr_in* peer) {
 // Answers one datagram, from and into the same packet buffer.
 void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
                      uint8_t (&packet)[SNMP_MAX_DATAGRAM], size_t received) {
-  char address[INET_ADDRSTRLEN];
-  SNMP_LOG(TRACE, "received from: %s:%u\n", address_of(&sender->peer, address),
+  char address[IP_TEXT_SIZE];
+  SNMP_LOG(TRACE, "received from: %s:%u\n", write_address(sender->peer.sin_addr, address),
            port_of(&sender->peer));
   const int32_t locked = retry(pthread_mutex_lock, &module->lock);
   if (locked != 0) {
@@ -542,11 +541,24 @@ void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
 
 }  // namespace
 
+// Twice a datagram, where inet_ntop would take longer than all the work on a small request.
+const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]) {
+  const auto* octets = reinterpret_cast<const uint8_t*>(&address);
+  char* at = text;
+  for (size_t i = 0; i < sizeof address; i++) {
+    if (i > 0) *at++ = '.';
+    at = std::to_chars(at, std::end(text), octets[i]).ptr;
+  }
+  *at = '\0';
+  return text;
+}
+
 int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length) {
   const snmp_send_ctx* sender = static_cast<snmp_send_ctx*>(context);
   SNMP_LOG(TRACE, "%s(%d,...,%u)", __func__, sender->fd, static_cast<unsigned>(length));
-  char address[INET_ADDRSTRLEN];
-  SNMP_LOG(TRACE, "sending to: %s %u", address_of(&sender->peer, address), port_of(&sender->peer));
+  char address[IP_TEXT_SIZE];
+  SNMP_LOG(TRACE, "sending to: %s %u", write_address(sender->peer.sin_addr, address),
+           port_of(&sender->peer));
   const ssize_t sent =
       sendto(sender->fd, message, length, MSG_CONFIRM,
              reinterpret_cast<const sockaddr*>(&sender->peer), sizeof sender->peer);

@@ -138,6 +138,9 @@ int32_t parse_oid(const char* text, snmp_oid* oid);
 // The poller thread; its argument is the context, its result null.
 void* module_thread_loop(void* context);
 
+// Writes an IPv4 address as dotted text, as inet_ntop does, and returns the text.
+const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]);
+
 // The poller's send callback; the context is an snmp_send_ctx. Sends once; always 0.
 int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length);
 
