@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <iterator>
 #include <limits>
 #include <string_view>
@@ -544,12 +543,15 @@ void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
 // Twice a datagram, where inet_ntop would take longer than all the work on a small request.
 const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]) {
   const auto* octets = reinterpret_cast<const uint8_t*>(&address);
+  const auto digit = [](unsigned number) { return static_cast<char>('0' + number % 10); };
   char* at = text;
   for (size_t i = 0; i < sizeof address; i++) {
-    if (i > 0) *at++ = '.';
-    at = std::to_chars(at, std::end(text), octets[i]).ptr;
+    if (octets[i] >= 100) *at++ = digit(octets[i] / 100u);
+    if (octets[i] >= 10) *at++ = digit(octets[i] / 10u);
+    *at++ = digit(octets[i]);
+    *at++ = '.';
   }
-  *at = '\0';
+  at[-1] = '\0';
   return text;
 }
 
