@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
-# The built library and host program, asked by net-snmp's clients.
+# The built library and host program, as net-snmp's clients and an operator meet them.
 # Usage: end_to_end.sh BINARY_DIRECTORY EXAMPLE_CONFIGURATION
 
 set -euo pipefail
-bin=$1
-example=$2
+bin=$(realpath "$1")
+example=$(realpath "$2")
+library=$bin/libtorvasin_snmp.so
 scratch=$(mktemp -d)
 host=
-trap '[ -z "$host" ] || kill "$host" 2>/dev/null || true; wait; rm -rf "$scratch"' EXIT
+port=0
+trap '[ -z "$host" ] || kill -KILL "$host" 2>/dev/null || true; wait; rm -rf "$scratch"' EXIT
+cd "$scratch"
 
 failures=0
 expect() {
@@ -15,8 +18,31 @@ expect() {
   printf 'FAILED %s\n expected: %s\n but got:  %s\n' "$1" "$2" "$3"
   failures=$((failures + 1))
 }
+ask() { "$1" -On -m '' -r 1 "${@:2}" 2>&1 || true; }
+get() { ask snmpget -v2c -c public -t 0.3 -Oqv "127.0.0.1:$port" ".1.3.6.1.4.1.32473.$1"; }
+junk() { for ((n = 0; n < $1; n++)); do printf "%0$((n % 200 + 1))d" "$n" >"/dev/udp/127.0.0.1/$port"; done; }
+until_true() { for _ in {1..60}; do "$@" && return; sleep 0.05; done; printf 'never: %s\n' "$*"; exit 1; }
+serves() { [[ $(get "$1") =~ $2 ]]; }
+configure() { printf '[General]\ninclude = %s\nport = %d\n%b' "$example" "$port" "${1-}" >agent.ini; }
 
-library=$bin/libtorvasin_snmp.so
+# start_host LOG [OPTION]...: returns when the host answers.
+start_host() {
+  "$bin/torvasin_host" --conf-file agent.ini "${@:2}" 2>"$1" 9<&- &
+  host=$!
+  [ "$port" != 0 ] || until_true grep -qs ' notice module snmp 0.* answers on 127.0.0.1 port ' "$1"
+  [ "$port" != 0 ] || port=$(sed -n 's/.* answers on .* port //p' "$1")
+  until_true serves 4.1.0 '^[1-9]'
+}
+# Sets `ended` to the status with which the host ends for a signal, and to "late" after 2 seconds.
+end_host() {
+  local from=${EPOCHREALTIME/./}
+  kill "-$1" "$host"
+  ended=0
+  wait "$host" || ended=$?
+  host=
+  [ $((${EPOCHREALTIME/./} - from)) -le 2000000 ] || ended+=' late'
+}
+
 expect symbols 'plugin_entry_0_6 plugin_entry_torvasin_module_version' \
   "$(nm -D --defined-only "$library" | awk '{print $3}' | sort | xargs)"
 expect libraries 'libc.so.6 libinih.so.1 libm.so.6' \
@@ -25,49 +51,69 @@ expect hardening '1 1 1 1' "$(readelf -W -l "$library" | grep -c 'GNU_RELRO') $(
   grep -c 'BIND_NOW') $(readelf -W -l "$library" | grep -c 'GNU_STACK .* RW ') $(nm -D "$library" |
   grep -c ' __stack_chk_fail')"
 
-# The example on a port that is free: the later key wins.
-start_host() {
-  for _ in $(seq 20); do
-    port=$((20000 + RANDOM % 20000))
-    printf '[General]\ninclude = %s\nport = %d\n' "$example" "$port" >"$scratch/agent.ini"
-    "$bin/torvasin_host" --conf-file "$scratch/agent.ini" 2>"$scratch/log" &
-    host=$!
-    for _ in $(seq 50); do
-      snmpget -v2c -c public -t 0.1 -r 0 "127.0.0.1:$port" .1.3.6.1.4.1.32473.4.1.0 >/dev/null 2>&1 && return
-      kill -0 "$host" 2>/dev/null || break
-    done
-  done
-  cat "$scratch/log"
-  exit 1
-}
-start_host
+configure
+start_host log
 sleep 0.3 # the slow meters' first round
-ask() { "$1" -On -m '' -r 1 "${@:2}" 2>&1 || true; }
 agent=127.0.0.1:$port
-
-walk=$(ask snmpwalk -v2c -c public "$agent" .1.3.6.1.4.1.32473 | grep -v 'No more')
+walk=$(ask snmpwalk -v2c -c public "$agent" .1.3 | grep -v 'No more')
 expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
   "$(awk '{print $1}' <<<"$walk")"
 expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \
-  "$(ask snmpbulkwalk -v2c -c public "$agent" .1.3.6.1.4.1.32473 | grep -v 'No more' | awk '{print $1}')"
-expect 'live numbers' 7 "$(grep -cE '32473\.(1\.[1-4]|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
+  "$(ask snmpbulkwalk -v2c -c public "$agent" .1.3 | grep -v 'No more' | awk '{print $1}')"
+expect 'live numbers' 4 "$(grep -cE '32473\.(1\.4|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
 expect 'v1, any community' "$(uname -n)" \
   "$(ask snmpget -v1 -c anything -Oqv "$agent" .1.3.6.1.4.1.32473.4.2.0 | tr -d '"')"
 expect 'v2c, wrong community' 1 \
   "$(ask snmpget -v2c -c private "$agent" .1.3.6.1.4.1.32473.4.2.0 | grep -c 'Reason: noAccess')"
-expect 'v2c, unknown OID' '.1.3.6.1.4.1.32473.9.0 = No Such Object available on this agent at this OID' \
-  "$(ask snmpget -v2c -c public "$agent" .1.3.6.1.4.1.32473.9.0)"
+expect 'v2c, unknown OID' 'No Such Object available on this agent at this OID' "$(get 9.0)"
 expect 'v1, unknown OID' 1 "$(ask snmpget -v1 -c x "$agent" .1.3.6.1.4.1.32473.4.1.0 .1.3.6.1.4.1.32473.9.0 |
   grep -c 'Failed object: .1.3.6.1.4.1.32473.9.0')"
 
+configure
 expect 'port in use' "1 error bind(127.0.0.1:$port) socker: 98 Address already in use" \
-  "$("$bin/torvasin_host" --conf-file "$scratch/agent.ini" 2>"$scratch/second" || echo $?) $(
-    grep -o 'error bind.*' "$scratch/second")"
-status=0
-kill -TERM "$host"
-wait "$host" || status=$?
-host=
-expect 'ended by a signal' '0 preStopCycle(snmp) stopCycle(snmp, 0)' \
-  "$status $(sed 's/.*:[0-9]* //' "$scratch/log" | xargs)"
+  "$("$bin/torvasin_host" --conf-file agent.ini 2>second || echo $?) $(grep -o 'error bind.*' second)"
+junk 20000
+expect 'a flood is answered' "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
+configure '[ITEM_new]\noid = 1.3.6.1.4.1.32473.9.0\ntype = int:7\n'
+kill -HUP "$host"
+until_true serves 9.0 ^7
+end_host TERM
+expect 'ended by TERM' '0 preStopCycle(snmp) stopCycle(snmp, 0) notice module snmp stopped' "$ended $(
+  tail -n 20 log | sed -n 's/.*more lines like: \(.*topCycle\)/\1/p' | xargs) $(grep -o 'notice.*stopped' log | tail -n 1)"
+expect 'a flood is counted' '1 1' "$(($(wc -c <log) < 20000)) $(($(grep -c ' more lines like: decode_' log) > 0))"
+
+start_host log --log-level trace
+ask snmpget -v1 -c $'x\nforged\e[2J' "$agent" .1.3.6.1.4.1.32473.4.1.0 >/dev/null
+configure '[ITEM_new]\ntype = int\n'
+end_host HUP
+expect 'a start that fails' '1 failure the module did not start, status -1' \
+  "$ended $(grep -o 'failure the.*' log)"
+expect 'a forged line' '0 1' "$(grep -c '^forged' log) $(grep -cF 'community: x\nforged\x1b[2J\n' log)"
+
+configure
+mkfifo -m 600 pipe
+exec 9<>pipe
+for reader in stalls gone; do
+  start_host pipe --log-level 1
+  [ $reader = stalls ] || exec 9<&-
+  junk 1500
+  expect "a reader that is $reader" "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
+  end_host TERM
+  expect "ended, a reader that is $reader" 0 "$ended"
+done
+
+touch locked
+chmod 0 locked
+powerless=()
+[ "$(id -u)" -ne 0 ] || powerless=(setpriv --bounding-set '-dac_override,-dac_read_search,-sys_nice')
+for row in 'none:No such file or directory' '.:Is a directory' '/dev/null:Not a file' 'locked:Permission denied'; do
+  expect "refused: $row" "2 1 failure cannot read ${row/:/: }" "$(
+    "${powerless[@]}" "$bin/torvasin_host" --conf-file "${row%:*}" 2>second || echo $?) $(wc -l <second) $(
+    grep -o 'failure.*' second)"
+done
+expect 'renice refused, ended by INT' '0 failure cannot change the nice value by -5: Operation not permitted' "$(
+  "${powerless[@]}" timeout -s INT --preserve-status 0.3 "$bin/torvasin_host" --conf-file agent.ini --renice -5 2>log
+  echo $?) $(grep -o 'failure.*' log)"
+expect 'a full device' 1 "$("$bin/torvasin_host" --list-meters 2>/dev/null >/dev/full || echo $?)"
 
 printf '%d failed\n' "$failures" && [ "$failures" -eq 0 ]

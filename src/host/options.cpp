@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <iostream>
 
+#include "host/log.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
@@ -13,6 +14,16 @@ namespace {
 constexpr unsigned longest_period_ms = 3'600'000;
 constexpr std::size_t longest_name = sizeof torvasin_plugin_context::name - 1;
 constexpr int most_niceness = 39;  // from the least to the greatest
+
+// Turns the name of a level into its number, which may be given as well.
+std::string take_level(std::string& level) {
+  for (int number = 1; number <= log_off; ++number) {
+    const std::string digit = std::to_string(number);
+    if (level == log_level_names.at(static_cast<std::size_t>(number))) level = digit;
+    if (level == digit) return "";
+  }
+  return level + " is none of trace, warning, error, failure and off, nor 1 to 5";
+}
 
 std::string name_fault(const std::string& name) {
   if (name.size() <= longest_name) return "";
@@ -24,7 +35,8 @@ void add_run_options(CLI::App& app, options& parsed) {
   app.add_option("--module", parsed.module, "Module to load (default: the one of this program)")
       ->type_name("PATH");
   app.add_option("--conf-file", parsed.conf_file, "Configuration file of the module")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->capture_default_str();
   app.add_option("--name", parsed.name, "Name of the module instance")
       ->type_name("NAME")
       ->check(name_fault)
@@ -44,10 +56,10 @@ void add_run_options(CLI::App& app, options& parsed) {
       ->check(period)
       ->capture_default_str();
   app.add_option("--log-level", parsed.log_level,
-                 "Lowest level to log: 1 trace, 2 warning, 3 error, 4 failure, 5 nothing")
-      ->type_name("N")
-      ->check(CLI::Range(1, 5))
-      ->capture_default_str();
+                 "Lowest level to log: trace, warning, error, failure or off, or 1 to 5")
+      ->type_name("LEVEL")
+      ->transform(CLI::Validator(take_level, ""))
+      ->default_str("warning");
 }
 
 // What the program does instead of running the module.
@@ -72,9 +84,9 @@ bool has_empty(int argc, const char* const* argv) {
 }  // namespace
 
 std::optional<exit_status> parse_options(int argc, const char* const* argv, options& parsed) {
-  CLI::App app("Loads a module, feeds it meters of this machine, and runs until SIGINT or SIGTERM.",
+  CLI::App app("Loads a module and feeds it meters of this machine, until SIGINT or SIGTERM.",
                "torvasin_host");
-  app.set_help_flag("--help", "Print this text");
+  app.set_help_flag("-h,--help", "Print this text");
   add_run_options(app, parsed);
   add_modes(app, parsed);
   try {

@@ -7,17 +7,19 @@
 #include <optional>
 #include <string>
 
+#include "module/torvasin.h"
+
 namespace torvasin_host {
 
 struct options {
   std::optional<std::string> module;  // path; when absent, the module that goes with the program
-  std::optional<std::string> conf_file;
+  std::string conf_file = "snmpmanager.ini";
   std::optional<std::uint32_t> affinity;
   std::optional<std::int32_t> renice;
   std::string name = "snmp";
   unsigned fast_ms = 100;
   unsigned slow_ms = 1000;
-  int log_level = 2;  // enum torvasin_log_level; 5 logs nothing
+  int log_level = TORVASIN_LOG_WARNING;  // or log_off
   bool version = false;
   bool list_meters = false;
   bool check = false;

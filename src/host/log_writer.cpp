@@ -1,0 +1,102 @@
+#include "host/log_writer.h"
+
+#include <fmt/format.h>
+#include <pthread.h>
+#include <spdlog/async.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <future>
+#include <thread>
+
+#include "module/torvasin.h"
+
+namespace torvasin_host {
+namespace {
+
+constexpr std::size_t queue_lines = 4096;
+constexpr unsigned most_lines_of_place = 20;  // in one tally_period
+constexpr std::chrono::milliseconds patience{500};
+
+std::string head_of(const log_record& record) {
+  const bool known = record.level > 0 && record.level < log_off;
+  const auto* level = known ? log_level_names[static_cast<std::size_t>(record.level)] : "unknown";
+  return fmt::format("{} {}:{}", level, record.source, record.line);
+}
+
+// The debug format escapes, and puts quotes around the text.
+std::string escaped(std::string_view text) {
+  if (text.ends_with('\n')) text.remove_suffix(1);
+  const std::string quoted = fmt::format("{:?}", text);
+  return quoted.substr(1, quoted.size() - 2);
+}
+
+}  // namespace
+
+log_writer::log_writer()
+    : pool_(std::make_shared<spdlog::details::thread_pool>(
+          queue_lines, 1, [] { pthread_setname_np(pthread_self(), "log"); })),
+      logger_(std::make_shared<spdlog::async_logger>(
+          "", std::make_shared<spdlog::sinks::stderr_sink_mt>(), pool_,
+          spdlog::async_overflow_policy::overrun_oldest)) {
+  logger_->set_pattern("%Y-%m-%d %T.%e %v");
+  set_log_sink(
+      [](const log_record& record, void* self) { static_cast<log_writer*>(self)->take(record); },
+      this);
+}
+
+bool log_writer::finish() {
+  if (pool_ == nullptr) return true;
+  set_log_sink(nullptr, nullptr);
+  write_counts(clock::time_point::max());
+  // The end of the pool writes the whole queue, and would wait for a stalled reader for ever.
+  std::promise<void> promise;
+  const std::future<void> written = promise.get_future();
+  std::thread([pool = std::move(pool_), promise = std::move(promise)]() mutable {
+    pool.reset();
+    promise.set_value();
+  }).detach();
+  return written.wait_for(patience) == std::future_status::ready;
+}
+
+void log_writer::write(std::string_view level, std::string_view text) {
+  logger_->info("{} {}", level, escaped(text));
+}
+
+void log_writer::take(const log_record& record) {
+  if (record.level > TORVASIN_LOG_TRACE) {
+    const std::scoped_lock lock(mutex_);
+    if (!admit(tallies_[{record.source, record.line}], record)) return;
+  }
+  write(head_of(record), record.text);
+}
+
+bool log_writer::admit(tally& place, const log_record& record) {
+  if (place.written == most_lines_of_place || (place.written > 0 && place.last == record.text)) {
+    ++place.left_out;
+    return false;
+  }
+  if (place.written++ == 0) place.head = head_of(record);
+  place.last = record.text;
+  return true;
+}
+
+void log_writer::write_counts(clock::time_point until) {
+  const std::scoped_lock lock(mutex_);
+  std::erase_if(tallies_, [&](const auto& entry) {
+    const tally& place = entry.second;
+    if (place.since > until) return false;
+    if (place.left_out > 0) {
+      write(place.head, fmt::format("{} more lines like: {}", place.left_out, place.last));
+    }
+    return true;
+  });
+  // As long as the queue is full another line would only drop one more.
+  const std::size_t lost = pool_->overrun_counter();
+  const bool room = pool_->queue_size() < queue_lines / 2 || until == clock::time_point::max();
+  if (lost == lost_ || !room) return;
+  write("warning",
+        fmt::format("{} lines of the log are lost, its reader is too slow", lost - lost_));
+  lost_ = lost;
+}
+
+}  // namespace torvasin_host
