@@ -61,6 +61,7 @@ expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
 expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \
   "$(ask snmpbulkwalk -v2c -c public "$agent" .1.3 | grep -v 'No more' | awk '{print $1}')"
 expect 'live numbers' 4 "$(grep -cE '32473\.(1\.4|2\.[12]|4\.1)\.0 = Counter32: [1-9]' <<<"$walk")"
+expect 'a plain walk' "$(uname -n)" "$(ask snmpwalk -v2c -c public -Oqv "$agent" | sed -n 's/"//g; 2p')"
 expect 'v1, any community' "$(uname -n)" \
   "$(ask snmpget -v1 -c anything -Oqv "$agent" .1.3.6.1.4.1.32473.4.2.0 | tr -d '"')"
 expect 'v2c, wrong community' 1 \

@@ -31,5 +31,5 @@ scrape "$@" || scrape "$@" || scrape "$@" || { cat "$scratch"/*.log; exit 1; }
 names=$(snmpwalk -v2c -c public -M "$2/config" -m TORVASIN-EXAMPLE-MIB -OsQ "127.0.0.1:$port" \
   torvasinExample 2>/dev/null | sed -n 's/^\([A-Za-z]*[0-9]*\)\.0 = .*/\1/p' | sort -u | xargs)
 scraped=$(sed -n 's/^# HELP \([^ ]*\).*/\1/p' "$scratch/metrics" | grep -v '^snmp_' | sort | xargs)
-[ "$(wc -w <<<"$names") $names" = "$(grep -c '^\[ITEM_' "$2/config/snmpmanager.ini") $scraped" ]
+[ "$(wc -w <<<"$names") $names" = "$(grep -c '^oid = .*[.]32473[.]' "$2/config/snmpmanager.ini") $scraped" ]
 grep -Eq '^uptime [1-9]' "$scratch/metrics"

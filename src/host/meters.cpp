@@ -1,5 +1,6 @@
 #include "host/meters.h"
 
+#include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <limits>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace torvasin_host {
 namespace {
@@ -33,12 +35,43 @@ std::optional<std::uint32_t> memory_kib(std::string_view wanted) {
   return std::nullopt;
 }
 
+// Percent of the time since the reading before, at first since the machine started.
+std::optional<float> cpu_busy(meter_state& state) {
+  std::ifstream file("/proc/stat");
+  std::string key;
+  file >> key;
+  cpu_times now;
+  // user nice system idle iowait irq softirq steal; what follows is part of user.
+  for (int column = 0; column < 8; ++column) {
+    std::uint64_t ticks = 0;
+    if (!(file >> ticks)) return std::nullopt;
+    now.all += ticks;
+    if (column == 3 || column == 4) now.idle += ticks;
+  }
+  const cpu_times before = std::exchange(state.cpu, now);
+  if (now.all <= before.all || now.idle < before.idle) return std::nullopt;  // iowait can fall
+  const auto idle = static_cast<float>(now.idle - before.idle);
+  return std::max(0.0F, 100 - 100 * idle / static_cast<float>(now.all - before.all));
+}
+
+// What users other than root can still write there.
+std::optional<std::uint32_t> root_available(meter_state&) {
+  struct statvfs root {};
+  if (statvfs("/", &root) != 0) return std::nullopt;
+  const std::uint64_t mib = std::uint64_t{root.f_bavail} * root.f_frsize >> 20;
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(mib, UINT32_MAX));
+}
+
 std::optional<std::uint32_t> memory_total(meter_state&) {
   return memory_kib("MemTotal:");
 }
 
 std::optional<std::uint32_t> memory_available(meter_state&) {
   return memory_kib("MemAvailable:");
+}
+
+std::optional<std::uint32_t> swap_free(meter_state&) {
+  return memory_kib("SwapFree:");
 }
 
 std::optional<std::int32_t> memory_available_change(meter_state& state) {
@@ -53,24 +86,23 @@ std::optional<std::int32_t> memory_available_change(meter_state& state) {
 constexpr std::size_t rx_octets = 0;
 constexpr std::size_t tx_octets = 8;
 
-// The sum of a column over all interfaces: its low 32 bits, as of a counter that wraps.
+// The sum of a column over all interfaces but loopback: its low 32 bits, as of a counter that
+// wraps.
 template <std::size_t column>
 std::optional<std::uint32_t> network_octets(meter_state&) {
   std::ifstream file("/proc/net/dev");
   std::string line;
   std::uint64_t sum = 0;
-  bool found = false;
   while (std::getline(file, line)) {
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos) continue;  // the two lines of headings
+    if (line.substr(0, colon).ends_with(" lo")) continue;
     std::istringstream numbers(line.substr(colon + 1));
     std::uint64_t number = 0;
     for (std::size_t at = 0; at <= column; ++at) numbers >> number;
-    if (!numbers) continue;
-    sum += number;
-    found = true;
+    if (numbers) sum += number;
   }
-  return found ? std::optional(static_cast<std::uint32_t>(sum)) : std::nullopt;
+  return file.eof() ? std::optional(static_cast<std::uint32_t>(sum)) : std::nullopt;
 }
 
 template <std::size_t index>
@@ -121,6 +153,16 @@ std::optional<std::int32_t> utc_offset(meter_state&) {
   return static_cast<std::int32_t>(local_now().tm_gmtoff);
 }
 
+std::optional<std::string> description(meter_state&) {
+  utsname system{};
+  if (uname(&system) != 0) return std::nullopt;
+  std::string text = system.sysname;
+  for (const char* part : {system.nodename, system.release, system.version, system.machine}) {
+    text.append(" ").append(part);
+  }
+  return text;
+}
+
 std::optional<std::string> hostname(meter_state&) {
   utsname system{};
   return uname(&system) == 0 ? std::optional<std::string>(system.nodename) : std::nullopt;
@@ -131,28 +173,35 @@ std::optional<std::string> kernel(meter_state&) {
   return uname(&system) == 0 ? std::optional<std::string>(system.release) : std::nullopt;
 }
 
+constexpr auto fast = TORVASIN_FAST;
+constexpr auto slow = TORVASIN_SLOW;
+
 constexpr auto table = std::to_array<meter>({
-    {"memory.available_change_kib", TORVASIN_FAST, false,
+    {"cpu.busy_percent", slow, gauge, "busy time of all processors, percent", cpu_busy},
+    {"filesystem.root_available_mib", slow, gauge, "space left to users below /, MiB",
+     root_available},
+    {"memory.available_change_kib", fast, gauge,
      "change of the available memory since the reading before, KiB", memory_available_change},
-    {"memory.available_kib", TORVASIN_FAST, false, "memory available to new programs, KiB",
+    {"memory.available_kib", fast, gauge, "memory available to new programs, KiB",
      memory_available},
-    {"memory.total_kib", TORVASIN_SLOW, false, "memory of the machine, KiB", memory_total},
-    {"network.rx_octets", TORVASIN_FAST, true, "octets received on all interfaces, modulo 2^32",
-     network_octets<rx_octets>},
-    {"network.tx_octets", TORVASIN_FAST, true, "octets sent on all interfaces, modulo 2^32",
+    {"memory.total_kib", slow, gauge, "memory of the machine, KiB", memory_total},
+    {"network.rx_octets", fast, counter,
+     "octets received on all interfaces but loopback, modulo 2^32", network_octets<rx_octets>},
+    {"network.tx_octets", fast, counter, "octets sent on all interfaces but loopback, modulo 2^32",
      network_octets<tx_octets>},
-    {"system.cpus", TORVASIN_SLOW, false, "processors on line", cpus},
-    {"system.hostname", TORVASIN_SLOW, false, "name of the machine", hostname},
-    {"system.kernel", TORVASIN_SLOW, false, "release of the kernel", kernel},
-    {"system.load1", TORVASIN_FAST, false, "load average of the last minute", load<0>},
-    {"system.load15", TORVASIN_SLOW, false, "load average of the last 15 minutes", load<2>},
-    {"system.load5", TORVASIN_FAST, false, "load average of the last 5 minutes", load<1>},
-    {"system.local_time", TORVASIN_FAST, false, "local time, ISO 8601, to the second", local_time},
-    {"system.processes", TORVASIN_FAST, false, "processes that exist", processes},
-    {"system.uptime_seconds", TORVASIN_FAST, false, "time since the machine started, seconds",
-     uptime},
-    {"system.utc_offset_seconds", TORVASIN_SLOW, false, "local time minus UTC, seconds",
-     utc_offset},
+    {"swap.free_kib", slow, gauge, "swap space that is free, KiB", swap_free},
+    {"system.cpus", slow, gauge, "processors on line", cpus},
+    {"system.description", slow, gauge, "system, name, kernel and architecture, as uname -a",
+     description},
+    {"system.hostname", slow, gauge, "name of the machine", hostname},
+    {"system.kernel", slow, gauge, "release of the kernel", kernel},
+    {"system.load1", fast, gauge, "load average of the last minute", load<0>},
+    {"system.load15", slow, gauge, "load average of the last 15 minutes", load<2>},
+    {"system.load5", fast, gauge, "load average of the last 5 minutes", load<1>},
+    {"system.local_time", fast, gauge, "local time, ISO 8601, to the second", local_time},
+    {"system.processes", fast, gauge, "processes that exist", processes},
+    {"system.uptime_seconds", fast, gauge, "time since the machine started, seconds", uptime},
+    {"system.utc_offset_seconds", slow, gauge, "local time minus UTC, seconds", utc_offset},
 });
 
 constexpr bool precedes(const meter& left, const meter& right) {

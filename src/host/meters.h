@@ -14,19 +14,29 @@
 
 namespace torvasin_host {
 
+// Processor time since the machine started, in ticks of the kernel's clock.
+struct cpu_times {
+  std::uint64_t all = 0;
+  std::uint64_t idle = 0;
+};
+
 // What readers keep from one reading to the next.
 struct meter_state {
   std::optional<std::uint32_t> available_kib;  // of memory.available_change_kib alone
+  cpu_times cpu;                               // of cpu.busy_percent alone
 };
 
 // Takes a reading, or none when the system does not give one.
 template <typename value_type>
 using meter_reader = std::optional<value_type> (*)(meter_state& state);
 
+// A counter only ever grows, and starts again from 0 after 2^32 - 1.
+enum meter_kind : bool { gauge = false, counter = true };
+
 struct meter {
   const char* name;         // the key in a list
   torvasin_speed speed;     // the set it lives in
-  bool counts;              // only ever grows, and starts again from 0 after 2^32 - 1
+  meter_kind counts;        // converts to whether it is a counter
   const char* description;  // one line, with the unit
   // In the order of the tags, so that the kind of the reader tells the tag.
   std::variant<meter_reader<std::uint32_t>, meter_reader<std::int32_t>, meter_reader<float>,

@@ -62,9 +62,10 @@ void list_meters() {
   torvasin_key_value_list values;
   for (const int speed : {TORVASIN_SLOW, TORVASIN_FAST}) sampler.sample(speed, values);
 
-  std::vector<table_row> rows = {{"METER", "SPEED", "TYPE", "VALUE"}};
+  std::vector<table_row> rows = {{"METER", "SPEED", "TYPE", "COUNTS", "DESCRIPTION", "VALUE"}};
   for (const meter& each : all_meters()) {
     rows.push_back({each.name, speed_name(each.speed), type_name(each.type()),
+                    each.counts ? "yes" : "no", each.description,
                     value_text(values.find(each.name))});
   }
   print_table(rows);

@@ -21,7 +21,8 @@ const char* type_name(std::uint32_t type);
 // "fast" or "slow".
 const char* speed_name(int speed);
 
-// Prints every meter with its speed, type and current value, "-" when the system gives none.
+// Prints every meter: its speed and type, whether it counts, what it means, and its value
+// now, "-" when the system gives none.
 void list_meters();
 
 }  // namespace torvasin_host
