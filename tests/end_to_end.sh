@@ -37,6 +37,7 @@ start_host() {
 end_host() {
   local from=${EPOCHREALTIME/./}
   kill "-$1" "$host"
+  timeout 5 tail -s 0.1 --pid="$host" -f /dev/null || kill -KILL "$host"
   ended=0
   wait "$host" || ended=$?
   host=
@@ -94,11 +95,16 @@ expect 'a forged line' '0 1' "$(grep -c '^forged' log) $(grep -cF 'community: x\
 configure
 mkfifo -m 600 pipe
 exec 9<>pipe
-for reader in stalls gone; do
+for reader in slow stalled gone; do
   start_host pipe --log-level 1
-  [ $reader = stalls ] || exec 9<&-
-  junk 1500
+  [ $reader != gone ] || exec 9<&-
+  junk 3000 # more lines than the pipe and the queue hold
   expect "a reader that is $reader" "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
+  if [ $reader = slow ]; then
+    cat <&9 >late &
+    until_true grep -qs '[1-9] lines of the log are lost' late
+    kill $!
+  fi
   end_host TERM
   expect "ended, a reader that is $reader" 0 "$ended"
 done
