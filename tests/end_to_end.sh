@@ -2,14 +2,15 @@
 # The built library and host program, as net-snmp's clients and an operator meet them.
 # Usage: end_to_end.sh BINARY_DIRECTORY EXAMPLE_CONFIGURATION
 
-set -euo pipefail
+# shellcheck source=scripts/lib.sh
+. "$(dirname "$0")/../scripts/lib.sh"
+cd "$caller"
 bin=$(realpath "$1")
 example=$(realpath "$2")
 library=$bin/libtorvasin_snmp.so
 scratch=$(mktemp -d)
-host=
-port=0
-trap '[ -z "$host" ] || kill -KILL "$host" 2>/dev/null || true; wait; rm -rf "$scratch"' EXIT
+trap 'stop_servers; rm -rf "$scratch"' EXIT
+choose_port
 cd "$scratch"
 
 failures=0
@@ -25,22 +26,16 @@ until_true() { for _ in {1..60}; do "$@" && return; sleep 0.05; done; printf 'ne
 serves() { [[ $(get "$1") =~ $2 ]]; }
 configure() { printf '[General]\ninclude = %s\nport = %d\n%b' "$example" "$port" "${1-}" >agent.ini; }
 
-# start_host LOG [OPTION]...: returns when the host answers.
-start_host() {
-  "$bin/torvasin_host" --conf-file agent.ini "${@:2}" 2>"$1" 9<&- &
-  host=$!
-  [ "$port" != 0 ] || until_true grep -qs ' notice module snmp 0.* answers on 127.0.0.1 port ' "$1"
-  [ "$port" != 0 ] || port=$(sed -n 's/.* answers on .* port //p' "$1")
-  until_true serves 4.1.0 '^[1-9]'
-}
+# start_host LOG [OPTION]...
+start_host() { start_server "$1" "$bin/torvasin_host" --conf-file agent.ini "${@:2}" 9<&-; }
 # Sets `ended` to the status with which the host ends for a signal, and to "late" after 2 seconds.
 end_host() {
   local from=${EPOCHREALTIME/./}
-  kill "-$1" "$host"
-  timeout 5 tail -s 0.1 --pid="$host" -f /dev/null || kill -KILL "$host"
+  kill "-$1" "$server"
+  timeout 5 tail -s 0.1 --pid="$server" -f /dev/null || kill -KILL "$server"
   ended=0
-  wait "$host" || ended=$?
-  host=
+  wait "$server" || ended=$?
+  servers=()
   [ $((${EPOCHREALTIME/./} - from)) -le 2000000 ] || ended+=' late'
 }
 
@@ -57,6 +52,7 @@ start_host log
 sleep 0.3 # the slow meters' first round
 agent=127.0.0.1:$port
 walk=$(ask snmpwalk -v2c -c public "$agent" .1.3 | grep -v 'No more')
+expect 'where it answers' "notice module snmp 0.6.25 answers on 127.0.0.1 port $port" "$(grep -o 'notice.*' log)"
 expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
   "$(awk '{print $1}' <<<"$walk")"
 expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \
@@ -77,7 +73,7 @@ expect 'port in use' "1 error bind(127.0.0.1:$port) socker: 98 Address already i
 junk 20000
 expect 'a flood is answered' "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
 configure '[ITEM_new]\noid = 1.3.6.1.4.1.32473.9.0\ntype = int:7\n'
-kill -HUP "$host"
+kill -HUP "$server"
 until_true serves 9.0 ^7
 end_host TERM
 expect 'ended by TERM' '0 preStopCycle(snmp) stopCycle(snmp, 0) notice module snmp stopped' "$ended $(
