@@ -1,7 +1,5 @@
 #include "host/key_value_list.h"
 
-#include "host/export.h"
-
 torvasin_key_value_list::entry& torvasin_key_value_list::entry_of(std::string_view key,
                                                                   torvasin_value_type type) {
   auto at = entries_.find(key);
@@ -41,16 +39,16 @@ const torvasin_value* find_value(const torvasin_key_value_list* list, const char
 
 }  // namespace
 
-TORVASIN_HOST_EXPORT int torvasin_keyValueListGetS(const torvasin_key_value_list* list,
-                                                   const char* key, const char** text) {
+int torvasin_keyValueListGetS(const torvasin_key_value_list* list, const char* key,
+                              const char** text) {
   const torvasin_value* value = find_value(list, key);
   if (value == nullptr || value->type != TORVASIN_TEXT) return 1;
   *text = value->payload.text;
   return 0;
 }
 
-TORVASIN_HOST_EXPORT int torvasin_keyValueListGetIU(const torvasin_key_value_list* list,
-                                                    const char* key, std::uint32_t* number) {
+int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* key,
+                               std::uint32_t* number) {
   const torvasin_value* value = find_value(list, key);
   if (value == nullptr) return 1;
   switch (value->type) {
@@ -65,8 +63,8 @@ TORVASIN_HOST_EXPORT int torvasin_keyValueListGetIU(const torvasin_key_value_lis
   }
 }
 
-TORVASIN_HOST_EXPORT int torvasin_keyValueListGet(const torvasin_key_value_list* list,
-                                                  const char* key, const torvasin_value** value) {
+int torvasin_keyValueListGet(const torvasin_key_value_list* list, const char* key,
+                             const torvasin_value** value) {
   const torvasin_value* found = find_value(list, key);
   if (found == nullptr) return 1;
   *value = found;

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <mutex>
 
-#include "host/export.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
@@ -37,8 +36,7 @@ void set_log_sink(log_sink sink, void* user) {
 
 using namespace torvasin_host;
 
-TORVASIN_HOST_EXPORT void torvasin_log(int level, const char* source, int line, int /*flag*/,
-                                       const char* format, ...) {
+void torvasin_log(int level, const char* source, int line, int /*flag*/, const char* format, ...) {
   if (level < lowest_level.load(std::memory_order_relaxed)) return;
 
   char text[text_size];

@@ -57,7 +57,7 @@ exit_status host(const options& given) {
   std::string error;
   if (!module.load(path, error)) return fail(error);
   if (given.version) {
-    std::cout << "torvasin_host " TORVASIN_HOST_VERSION "\nmodule " << module.version() << '\n';
+    std::cout << "torvasin_host " TORVASIN_VERSION "\nmodule " << module.version() << '\n';
     return exit_good;
   }
   if (given.check) return check(given, module);

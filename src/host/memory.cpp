@@ -10,7 +10,6 @@
 #include <memory>
 #include <mutex>
 
-#include "host/export.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
@@ -106,12 +105,12 @@ void release_all_texts() {
 
 using namespace torvasin_host;
 
-TORVASIN_HOST_EXPORT void* torvasin_malloc(std::size_t size) {
+void* torvasin_malloc(std::size_t size) {
   ++allocation_calls;
   return allocate(size);
 }
 
-TORVASIN_HOST_EXPORT void* torvasin_realloc(void* memory, std::size_t size) {
+void* torvasin_realloc(void* memory, std::size_t size) {
   ++allocation_calls;
   void* moved = allocate(size);
   if (memory == nullptr || moved == nullptr) return moved;
@@ -122,36 +121,36 @@ TORVASIN_HOST_EXPORT void* torvasin_realloc(void* memory, std::size_t size) {
   return moved;
 }
 
-TORVASIN_HOST_EXPORT void torvasin_free(void* memory) {
+void torvasin_free(void* memory) {
   if (memory != nullptr) release(memory);
 }
 
-TORVASIN_HOST_EXPORT void torvasin_valueInitUInt32(torvasin_value* value, std::uint32_t number) {
+void torvasin_valueInitUInt32(torvasin_value* value, std::uint32_t number) {
   set_owned_text(value, nullptr);
   value->type = TORVASIN_UINT32;
   value->payload.uint32 = number;
 }
 
-TORVASIN_HOST_EXPORT void torvasin_valueInitInt32(torvasin_value* value, std::int32_t number) {
+void torvasin_valueInitInt32(torvasin_value* value, std::int32_t number) {
   set_owned_text(value, nullptr);
   value->type = TORVASIN_INT32;
   value->payload.int32 = number;
 }
 
-TORVASIN_HOST_EXPORT void torvasin_valueInitFloat(torvasin_value* value, float number) {
+void torvasin_valueInitFloat(torvasin_value* value, float number) {
   set_owned_text(value, nullptr);
   value->type = TORVASIN_FLOAT;
   value->payload.float32 = number;
 }
 
-TORVASIN_HOST_EXPORT void torvasin_valueInitS(torvasin_value* value, const char* text) {
+void torvasin_valueInitS(torvasin_value* value, const char* text) {
   owned_text copy(text != nullptr ? strdup(text) : nullptr);
   const char* kept = copy.get();
   set_owned_text(value, std::move(copy));
   write_text(value, kept);
 }
 
-TORVASIN_HOST_EXPORT void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
+void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
   if (!owns_text(value, text)) {
     const bool taken = owned != 0 && text != nullptr;
     if (taken) --live_blocks;

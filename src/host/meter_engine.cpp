@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "host/export.h"
-
 namespace torvasin_host {
 
 void* meter_engine::add_callback(int speed, torvasin_meter_callback callback, void* user) {
@@ -93,13 +91,12 @@ void meter_engine::run(int speed, std::chrono::milliseconds period, const meter_
 
 using torvasin_host::meter_engine;
 
-TORVASIN_HOST_EXPORT void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
-                                                                   torvasin_meter_callback callback,
-                                                                   void* user) {
+void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
+                                              torvasin_meter_callback callback, void* user) {
   if (engine == nullptr) return nullptr;
   return static_cast<meter_engine*>(engine)->add_callback(speed, callback, user);
 }
 
-TORVASIN_HOST_EXPORT void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {
+void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {
   if (engine != nullptr) static_cast<meter_engine*>(engine)->remove_callback(registration);
 }

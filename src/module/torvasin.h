@@ -76,6 +76,9 @@ typedef struct torvasin_plugin_entry {
   const void* slot7;
 } torvasin_plugin_entry;
 
+// What the host exports, whatever visibility it is compiled with.
+#pragma GCC visibility push(default)
+
 // Logs one line. source is the path of the emitting code without its extension, line its source
 // line; flag is 1. A host drops a line by its level before it formats anything.
 void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...)
@@ -110,6 +113,8 @@ void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned);
 void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
                                               torvasin_meter_callback callback, void* user);
 void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -775,4 +775,4 @@ void stopCycle(torvasin_plugin_context* context, int32_t n) {
 const torvasin_plugin_entry plugin_entry_0_6 = {"snmp",    nullptr, startCycle,  preStopCycle,
                                                 stopCycle, nullptr, startThread, nullptr};
 
-const char* const plugin_entry_torvasin_module_version = "0.6.25";
+const char* const plugin_entry_torvasin_module_version = TORVASIN_VERSION;

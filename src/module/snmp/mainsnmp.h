@@ -146,11 +146,11 @@ int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length);
 
 // ---- Entries, called by the host through the descriptor ----------------------------------------
 
-#define TORVASIN_EXPORT __attribute__((visibility("default")))
-
+#pragma GCC visibility push(default)
 extern "C" {
-extern TORVASIN_EXPORT const torvasin_plugin_entry plugin_entry_0_6;
-extern TORVASIN_EXPORT const char* const plugin_entry_torvasin_module_version;
+extern const torvasin_plugin_entry plugin_entry_0_6;
+extern const char* const plugin_entry_torvasin_module_version;
 }
+#pragma GCC visibility pop
 
 #endif  // TORVASIN_SNMP_MAINSNMP_H
