@@ -1,5 +1,5 @@
-// torvasin_host: runs a module in this process until SIGINT or SIGTERM, or tells about it, its
-// configuration or the meters.
+// torvasin_host: runs a module in this process until SIGINT or SIGTERM, or tells about it or the
+// meters.
 
 #include <csignal>
 #include <cstdlib>
@@ -8,7 +8,6 @@
 #include <iostream>
 #include <string>
 
-#include "host/check.h"
 #include "host/log.h"
 #include "host/log_writer.h"
 #include "host/memory.h"
@@ -44,12 +43,6 @@ void report_leaks(std::size_t registrations) {
                "the module left %zu memory blocks and %zu meter callbacks", blocks, registrations);
 }
 
-exit_status check(const options& given, plugin& module) {
-  return check_configuration(module, given.check_file.empty() ? given.conf_file : given.check_file)
-             ? exit_good
-             : exit_failure;
-}
-
 exit_status host(const options& given) {
   meter_engine engine;
   plugin module(given.name, engine);
@@ -60,7 +53,6 @@ exit_status host(const options& given) {
     std::cout << "torvasin_host " TORVASIN_VERSION "\nmodule " << module.version() << '\n';
     return exit_good;
   }
-  if (given.check) return check(given, module);
 
   keep_signals();
   log_writer writer;

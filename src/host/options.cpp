@@ -68,12 +68,7 @@ void add_modes(CLI::App& app, options& parsed) {
                                "Print the versions of this program and of the module");
   auto* list = app.add_flag("--list-meters", parsed.list_meters,
                             "Print the meters of this machine with their values");
-  auto* check = app.add_option("--check", parsed.check_file,
-                               "Check a configuration file without running the module\n"
-                               "(default: that of --conf-file, else snmpmanager.ini)");
-  check->type_name("[FILE]")->expected(0, 1);
   list->excludes(version);
-  check->excludes(version)->excludes(list);
 }
 
 // An empty argument, such as a variable of a shell that is not set, names nothing.
@@ -92,7 +87,6 @@ std::optional<exit_status> parse_options(int argc, const char* const* argv, opti
   try {
     if (has_empty(argc, argv)) throw CLI::ValidationError("an argument is empty");
     app.parse(argc, argv);
-    parsed.check = app.count("--check") > 0;
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return exit_good;

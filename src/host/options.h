@@ -22,8 +22,6 @@ struct options {
   int log_level = TORVASIN_LOG_WARNING;  // or log_off
   bool version = false;
   bool list_meters = false;
-  bool check = false;
-  std::string check_file;  // what to check; empty for conf_file, or else the module's own default
 };
 
 // Exit statuses of the program.

@@ -52,23 +52,17 @@ bool plugin::load(const std::filesystem::path& path, std::string& error) {
   return true;
 }
 
-std::int32_t plugin::start_cycle(const torvasin_key_value_list& list) {
-  const std::int32_t status = entry_->startCycle(&context_, &list);
-  running_ = status == 0;
-  return status;
-}
-
 std::int32_t plugin::start(const torvasin_key_value_list& list) {
-  const std::int32_t status = start_cycle(list);
+  const std::int32_t status = entry_->startCycle(&context_, &list);
   if (status != 0) return status;
-  threaded_ = true;
+  running_ = true;
   entry_->startThread(&context_);
   return 0;
 }
 
 void plugin::stop() {
   if (!std::exchange(running_, false)) return;
-  if (std::exchange(threaded_, false)) entry_->preStopCycle(&context_);
+  entry_->preStopCycle(&context_);
   entry_->stopCycle(&context_, 0);
 }
 

@@ -36,11 +36,7 @@ class plugin {
   // again. A module must be loaded and not be running.
   std::int32_t start(const torvasin_key_value_list& list);
 
-  // The same without startThread: the module runs, but its thread does not.
-  std::int32_t start_cycle(const torvasin_key_value_list& list);
-
-  // Calls preStopCycle, unless the module runs without its thread, and stopCycle. Does nothing when
-  // the module is not running.
+  // Calls preStopCycle and stopCycle. Does nothing when the module is not running.
   void stop();
 
   // Stops the module and unloads its library. The engine must hold no callback of it any more.
@@ -58,7 +54,6 @@ class plugin {
   const torvasin_plugin_entry* entry_ = nullptr;
   const char* version_ = "";
   bool running_ = false;
-  bool threaded_ = false;  // startThread has been called since startCycle
 };
 
 }  // namespace torvasin_host
