@@ -1,0 +1,244 @@
+// The subcommands mib and prometheus: names for the items.
+
+#include <spdlog/fmt/chrono.h>
+
+#include <algorithm>
+#include <cctype>
+#include <iostream>
+#include <regex>
+#include <stdexcept>
+
+#include "config/config.h"
+
+namespace torvasin_config {
+namespace {
+
+// ---- Names and words ---------------------------------------------------------------------------
+
+constexpr auto lower = [](char letter) { return static_cast<char>(std::tolower(letter)); };
+
+// The letters and digits of a text, a capital for each that follows something else: memory_total is
+// memoryTotal, and TORVASIN-LAB becomes torvasinLab when `small` makes small letters of the others.
+std::string camel_case(std::string_view text, bool small = false) {
+  std::string result;
+  bool word_begins = false;
+  for (const char letter : text) {
+    const bool fits = letter > 0 && std::isalnum(letter) != 0;
+    if (fits && word_begins) result += static_cast<char>(std::toupper(letter));
+    if (fits && !word_begins) result += small || result.empty() ? lower(letter) : letter;
+    word_begins = !fits && !result.empty();
+  }
+  return result.empty() || std::isdigit(result[0]) != 0 ? "item" + result : result;
+}
+
+std::string lower_case(std::string text) {
+  std::ranges::transform(text, text.begin(), lower);
+  return text;
+}
+
+// Names of the items by index. No two are alike but for the case, and none is the reserved one or a
+// word that readers of MIBs keep for themselves. Of an item's 44 characters at most, all are below
+// the 64 that SMI allows.
+std::vector<std::string> unique_names(const configuration& config, const std::string& reserved) {
+  std::map<std::string, unsigned> used = {{lower_case(reserved), 1}};  // how many have had a name
+  for (const char* word :
+       {"iso", "ccitt", "current", "deprecated", "obsolete", "mandatory", "optional"})
+    used[word] = 1;
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < config.items.size(); ++i) {
+    const std::string base = camel_case(config.module.bindings[i].name);
+    std::string name = base;
+    unsigned& count = used[lower_case(base)];
+    while (count > 0 && used.contains(lower_case(name = base + std::to_string(count + 1)))) ++count;
+    if (count++ > 0) used[lower_case(name)] = 1;
+    names.push_back(name);
+  }
+  return names;
+}
+
+// An item with all that is said of it.
+struct named_item {
+  std::string name;
+  const snmp_oid* oid;
+  const snmp_meter_binding* binding;
+  bool counts;        // only grows, and starts again from 0
+  std::string words;  // its meter, what that is, and the formula; printable
+};
+
+// The items that can have a name, in the order of their OIDs. Why the others cannot is added to
+// `left_out`, a line for each behind the mark of a comment.
+std::vector<named_item> name_items(const configuration& config, const std::string& reserved,
+                                   const char* mark, std::string& left_out) {
+  std::vector<named_item> named;
+  const auto names = unique_names(config, reserved);
+  for (const std::size_t i : config.in_oid_order()) {
+    const snmp_item& item = config.module.items[i];
+    const snmp_meter_binding& binding = config.module.bindings[i];
+    const char* reason = nullptr;
+    if (item.writer == encode_null) reason = "has no type";
+    if (!can_be_named(item.oid)) reason = "has an OID that no request can name";
+    if (!named.empty() && compare_oid(named.back().oid, &item.oid) == 0)
+      reason = "has the OID of another item";
+    if (reason != nullptr) {
+      left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[i], reason);
+      continue;
+    }
+    const torvasin_host::meter* source = find_meter(binding.meter);
+    const bool counts = source != nullptr && source->counts && binding.type == ITEM_UINT &&
+                        binding.formula == nullptr;
+    const std::string words = fmt::format(
+        "{}{}{}{}{}", binding.type == ITEM_UINT && !counts ? "A gauge: " : "",
+        source != nullptr ? fmt::format("{}; ", source->description) : "",
+        *binding.meter != '\0' ? fmt::format("meter {}", binding.meter) : "a fixed value",
+        binding.formula != nullptr ? ", formula " : "",
+        binding.formula != nullptr ? config.items[i].formula : "");
+    named.push_back({names[i], &item.oid, &binding, counts, printable(words)});
+  }
+  return named;
+}
+
+// ---- MIB ---------------------------------------------------------------------------------------
+
+// 1.3.6.1.4.1.N: where an enterprise's arc ends. What SMI itself defines is shorter.
+constexpr std::size_t enterprise_numbers = 7;
+constexpr std::uint32_t spare_number = INT32_MAX;  // for an identity that has no arc for itself
+
+snmp_oid parent_of(snmp_oid oid) {
+  if (oid.count > 0) oid.subid[--oid.count] = 0;
+  return oid;
+}
+
+struct definition {
+  const named_item* item;
+  snmp_oid node;
+  bool scalar;  // an object, of which the item is the instance; else a name for the item's OID
+};
+
+// An OID that ends in 0 is an instance, unless the object would have more below it.
+definition define(const std::vector<named_item>& items, std::size_t at) {
+  const snmp_oid& oid = *items[at].oid;
+  const snmp_oid parent = parent_of(oid);
+  const bool scalar = oid.subid[oid.count - 1] == 0 && parent.subid[parent.count - 1] != 0 &&
+                      (at == 0 || !is_below(*items[at - 1].oid, parent)) &&
+                      (at + 1 == items.size() || !is_below(*items[at + 1].oid, parent));
+  return {&items[at], scalar ? parent : oid, scalar};
+}
+
+// What the items of the last enterprise have in common, with a number behind it where that is
+// higher up than an enterprise.
+snmp_oid identity_arc(const std::vector<definition>& all) {
+  const snmp_oid& last = all.back().node;
+  snmp_oid enterprise = last;
+  while (enterprise.count > enterprise_numbers) enterprise = parent_of(enterprise);
+  const auto inside = [&](const definition& each) { return is_below(each.node, enterprise); };
+  snmp_oid arc = parent_of(std::ranges::find_if(all, inside)->node);
+  while (!is_below(last, arc)) arc = parent_of(arc);
+  if (arc.count < enterprise_numbers) arc.subid[arc.count++] = spare_number;
+  return arc;
+}
+
+// As SMI writes it, below the identity's arc where it is.
+std::string value_of(const snmp_oid& oid, const snmp_oid& arc, const std::string& identity) {
+  constexpr const char* roots[] = {"ccitt", "iso", "joint-iso-ccitt"};
+  const bool inside = is_below(oid, arc);
+  return fmt::format("{{ {} {} }}", inside ? identity : roots[oid.subid[0]],
+                     fmt::join(oid.subid + (inside ? arc.count : 1), oid.subid + oid.count, " "));
+}
+
+std::string stamp(std::time_t time) {
+  constexpr std::time_t no_smi_before = 631152000;  // the year 1990
+  return fmt::format("{:%Y%m%d%H%MZ}", fmt::gmtime(std::max(time, no_smi_before)));
+}
+
+// A quotation mark ends a text, whatever stands before it.
+std::string smi_text(std::string text) {
+  std::ranges::replace(text, '"', '\'');
+  return text;
+}
+
+}  // namespace
+
+void print_mib(const configuration& config, const std::string& module_name) {
+  const bool suffixed = module_name.ends_with("-MIB");
+  const std::string identity =
+      camel_case(module_name.substr(0, module_name.size() - (suffixed ? 4 : 0)), true);
+  std::string left_out;
+  const auto items = name_items(config, identity, "--", left_out);
+  std::vector<definition> all;
+  for (std::size_t at = 0; at < items.size(); ++at) {
+    const definition made = define(items, at);
+    if (made.node.count >= enterprise_numbers && made.node.subid[0] <= 2) {
+      all.push_back(made);
+    } else {
+      left_out += fmt::format("-- {} is left out: its OID is too high up.\n", items[at].name);
+    }
+  }
+  if (all.empty()) throw std::runtime_error("no item for a MIB");
+  const snmp_oid arc = identity_arc(all);
+  const std::string& path = config.files[0];
+  std::cout << fmt::format(R"({} DEFINITIONS ::= BEGIN
+
+IMPORTS
+    MODULE-IDENTITY, OBJECT-IDENTITY, OBJECT-TYPE, Counter32, Integer32
+        FROM SNMPv2-SMI;
+
+{} MODULE-IDENTITY
+    LAST-UPDATED "{}"
+    ORGANIZATION "torvasin_snmp"
+    CONTACT-INFO "The operator of the agent."
+    DESCRIPTION
+        "What an agent with the configuration {} serves. It has no Gauge32:
+         a Counter32 that is said to be a gauge is to be taken as it is."
+    REVISION "{}"
+    DESCRIPTION "Made from the configuration by torvasin_config."
+    ::= {}
+)",
+                           module_name, identity, stamp(config.changed),
+                           smi_text(printable(path.substr(path.rfind('/') + 1))),
+                           stamp(config.changed), value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
+  for (const auto& [item, node, scalar] : all) {
+    std::cout << '\n' << item->name << (scalar ? " OBJECT-TYPE\n" : " OBJECT-IDENTITY\n");
+    const char* syntax = item->binding->type == ITEM_UINT  ? "Counter32"
+                         : item->binding->type == ITEM_INT ? "Integer32"
+                                                           : "OCTET STRING";
+    if (scalar) std::cout << "    SYNTAX      " << syntax << "\n    MAX-ACCESS  read-only\n";
+    std::cout << "    STATUS      current\n    DESCRIPTION \"" << smi_text(item->words)
+              << "\"\n    ::= " << value_of(node, arc, identity) << '\n';
+  }
+  std::cout << '\n' << left_out << (left_out.empty() ? "" : "\n") << "END\n";
+}
+
+// ---- Prometheus --------------------------------------------------------------------------------
+
+void print_prometheus(const configuration& config) {
+  constexpr unsigned oids_at_once = 10;
+  std::string left_out;
+  std::string oids;
+  std::string metrics;
+  const snmp_oid* above = nullptr;
+  for (const auto& [name, oid, binding, counts, words] : name_items(config, "", "#", left_out)) {
+    if (above != nullptr &&
+        is_below(*oid, *above)) {  // for the exporter an instance of that metric
+      left_out += fmt::format("# {} is left out: its OID is below that of another item.\n", name);
+      continue;
+    }
+    above = oid;
+    const char* type = binding->type == ITEM_STRING ? "DisplayString"
+                       : counts                     ? "counter"
+                                                    : "gauge";
+    oids += fmt::format("    - {}\n", dotted(*oid));
+    // A text in quotation marks has YAML's escapes, which for an octet are those of printable().
+    metrics +=
+        fmt::format("    - name: {}\n      oid: {}\n      type: {}\n      help: \"{}\"\n", name,
+                    dotted(*oid), type, std::regex_replace(words, std::regex("[\"\\\\]"), "\\$&"));
+  }
+  if (above == nullptr) throw std::runtime_error("no item for a metric");
+  std::cout << "# For prometheus-snmp-exporter 0.21; made by torvasin_config.\n"
+            << left_out
+            << "torvasin:\n  version: 2\n  auth:\n    community: public\n  max_repetitions: "
+            << oids_at_once << "\n  get:\n"
+            << oids << "  metrics:\n"
+            << metrics;
+}
+
+}  // namespace torvasin_config
