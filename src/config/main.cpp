@@ -88,24 +88,16 @@ exit_status run(int argc, char** argv) {
     return added;
   };
   add("check", "Say what is wrong in FILE, and what it serves");
-  add("mib", "Print a MIB")
-      ->add_option("--name", name, "Name of the MIB")
-      ->check(name_fault)
-      ->capture_default_str();
+  CLI::Option* name_option = add("mib", "Print a MIB")->add_option("--name", name, "Its name");
+  name_option->check(name_fault)->capture_default_str();
   add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter");
   try {
     app.parse(argc, argv);
-    return run(app.get_subcommands()[0]->get_name(), path, name);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return exit_good;
-  } catch (const CLI::ParseError& failure) {
-    return fail(exit_unusable, printable(failure.what()));
-  } catch (const std::system_error& failure) {
-    return fail(exit_unusable, failure.what());
-  } catch (const std::exception& failure) {
-    return fail(exit_fault, fmt::format("{}: {}", printable(path), failure.what()));
   }
+  return run(app.get_subcommands()[0]->get_name(), path, name);
 }
 
 }  // namespace
@@ -113,7 +105,14 @@ exit_status run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   using namespace torvasin_config;
-  const exit_status status = run(argc, argv);
-  if (std::cout.flush()) return status;
-  return fail(exit_fault, "cannot write the output");
+  try {
+    const exit_status status = run(argc, argv);
+    return std::cout.flush() ? status : fail(exit_fault, "cannot write the output");
+  } catch (const CLI::ParseError& failure) {
+    return fail(exit_unusable, printable(failure.what()));
+  } catch (const std::system_error& failure) {
+    return fail(exit_unusable, failure.what());
+  } catch (const std::exception& failure) {
+    return fail(exit_fault, failure.what());
+  }
 }

@@ -42,8 +42,9 @@ std::string lower_case(std::string text) {
 std::vector<std::string> unique_names(const configuration& config, const std::string& reserved) {
   std::map<std::string, unsigned> used = {{lower_case(reserved), 1}};  // how many have had a name
   for (const char* word :
-       {"iso", "ccitt", "current", "deprecated", "obsolete", "mandatory", "optional"})
+       {"iso", "ccitt", "current", "deprecated", "obsolete", "mandatory", "optional"}) {
     used[word] = 1;
+  }
   std::vector<std::string> names;
   for (std::size_t i = 0; i < config.items.size(); ++i) {
     const std::string base = camel_case(config.module.bindings[i].name);
@@ -77,8 +78,9 @@ std::vector<named_item> name_items(const configuration& config, const std::strin
     const char* reason = nullptr;
     if (item.writer == encode_null) reason = "has no type";
     if (!can_be_named(item.oid)) reason = "has an OID that no request can name";
-    if (!named.empty() && compare_oid(named.back().oid, &item.oid) == 0)
+    if (!named.empty() && compare_oid(named.back().oid, &item.oid) == 0) {
       reason = "has the OID of another item";
+    }
     if (reason != nullptr) {
       left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[i], reason);
       continue;
@@ -86,12 +88,10 @@ std::vector<named_item> name_items(const configuration& config, const std::strin
     const torvasin_host::meter* source = find_meter(binding.meter);
     const bool counts = source != nullptr && source->counts && binding.type == ITEM_UINT &&
                         binding.formula == nullptr;
-    const std::string words = fmt::format(
-        "{}{}{}{}{}", binding.type == ITEM_UINT && !counts ? "A gauge: " : "",
-        source != nullptr ? fmt::format("{}; ", source->description) : "",
-        *binding.meter != '\0' ? fmt::format("meter {}", binding.meter) : "a fixed value",
-        binding.formula != nullptr ? ", formula " : "",
-        binding.formula != nullptr ? config.items[i].formula : "");
+    std::string words = binding.type == ITEM_UINT && !counts ? "A gauge: " : "";
+    if (source != nullptr) words.append(source->description).append("; ");
+    words += *binding.meter != '\0' ? fmt::format("meter {}", binding.meter) : "a fixed value";
+    if (binding.formula != nullptr) words += ", formula " + config.items[i].formula;
     named.push_back({names[i], &item.oid, &binding, counts, printable(words)});
   }
   return named;
@@ -124,16 +124,13 @@ definition define(const std::vector<named_item>& items, std::size_t at) {
   return {&items[at], scalar ? parent : oid, scalar};
 }
 
-// What the items of the last enterprise have in common, with a number behind it where that is
-// higher up than an enterprise.
+// The enterprise of the last item, which stays as items come and go. With a number behind it where
+// it is an item itself.
 snmp_oid identity_arc(const std::vector<definition>& all) {
-  const snmp_oid& last = all.back().node;
-  snmp_oid enterprise = last;
-  while (enterprise.count > enterprise_numbers) enterprise = parent_of(enterprise);
-  const auto inside = [&](const definition& each) { return is_below(each.node, enterprise); };
-  snmp_oid arc = parent_of(std::ranges::find_if(all, inside)->node);
-  while (!is_below(last, arc)) arc = parent_of(arc);
-  if (arc.count < enterprise_numbers) arc.subid[arc.count++] = spare_number;
+  snmp_oid arc = all.back().node;
+  while (arc.count > enterprise_numbers) arc = parent_of(arc);
+  const auto is_arc = [&arc](const definition& each) { return compare_oid(&each.node, &arc) == 0; };
+  if (std::ranges::any_of(all, is_arc)) arc.subid[arc.count++] = spare_number;
   return arc;
 }
 
@@ -173,7 +170,7 @@ void print_mib(const configuration& config, const std::string& module_name) {
       left_out += fmt::format("-- {} is left out: its OID is too high up.\n", items[at].name);
     }
   }
-  if (all.empty()) throw std::runtime_error("no item for a MIB");
+  if (all.empty()) throw std::runtime_error("there is no item for a MIB");
   const snmp_oid arc = identity_arc(all);
   const std::string& path = config.files[0];
   std::cout << fmt::format(R"({} DEFINITIONS ::= BEGIN
@@ -212,13 +209,14 @@ IMPORTS
 
 void print_prometheus(const configuration& config) {
   constexpr unsigned oids_at_once = 10;
+  static const std::regex special("[\"\\\\]");  // in a text of YAML
   std::string left_out;
   std::string oids;
   std::string metrics;
   const snmp_oid* above = nullptr;
   for (const auto& [name, oid, binding, counts, words] : name_items(config, "", "#", left_out)) {
-    if (above != nullptr &&
-        is_below(*oid, *above)) {  // for the exporter an instance of that metric
+    // For the exporter it would be an instance of that metric.
+    if (above != nullptr && is_below(*oid, *above)) {
       left_out += fmt::format("# {} is left out: its OID is below that of another item.\n", name);
       continue;
     }
@@ -227,12 +225,11 @@ void print_prometheus(const configuration& config) {
                        : counts                     ? "counter"
                                                     : "gauge";
     oids += fmt::format("    - {}\n", dotted(*oid));
-    // A text in quotation marks has YAML's escapes, which for an octet are those of printable().
-    metrics +=
-        fmt::format("    - name: {}\n      oid: {}\n      type: {}\n      help: \"{}\"\n", name,
-                    dotted(*oid), type, std::regex_replace(words, std::regex("[\"\\\\]"), "\\$&"));
+    const std::string help = std::regex_replace(words, special, "\\$&");
+    metrics += fmt::format("    - name: {}\n      oid: {}\n      type: {}\n      help: \"{}\"\n",
+                           name, dotted(*oid), type, help);
   }
-  if (above == nullptr) throw std::runtime_error("no item for a metric");
+  if (above == nullptr) throw std::runtime_error("there is no item for a metric");
   std::cout << "# For prometheus-snmp-exporter 0.21; made by torvasin_config.\n"
             << left_out
             << "torvasin:\n  version: 2\n  auth:\n    community: public\n  max_repetitions: "
