@@ -43,153 +43,116 @@ constexpr string_view types[] = {"int", "uint", "string"};
 
 // ---- Values of keys, when the module has taken them --------------------------------------------
 
-// A key line with what the module has made of its value.
-struct taken_line {
-  const configuration& config;
-  const key_line& line;
-  std::string taken;
-
-  const snmp_meter_binding& binding() const { return config.module.bindings[*line.item]; }
-};
-
-std::string taken_ip(const taken_line& line) {
-  return line.config.module.ip;
-}
-std::string taken_port(const taken_line& line) {
-  return std::to_string(line.config.module.port);
-}
-std::string taken_meter(const taken_line& line) {
-  return line.binding().meter;
-}
-std::string taken_type(const taken_line& line) {
-  const auto& [type, payload] = line.binding().value;
+// What the module has made of a value; the value itself where it keeps the text.
+std::string taken_from(const configuration& config, const key_line& line) {
+  if (line.key == "ip") return config.module.ip;
+  if (line.key == "port") return std::to_string(config.module.port);
+  if (line.key == "meter") return config.module.bindings[*line.item].meter;
+  if (line.key != "type") return std::string(line.value);
+  const auto& [type, payload] = config.module.bindings[*line.item].value;
   return type == TORVASIN_INT32    ? std::to_string(payload.int32)
          : type == TORVASIN_UINT32 ? std::to_string(payload.uint32)
                                    : "";
 }
 
-bool is_cut(const taken_line& line) {
-  return line.line.value != line.taken;
-}
+// A value with all that its checks look at.
+struct value_view {
+  const configuration& config;
+  string_view value;
+  std::string taken;
 
-// Sign, digits and the rest of a number that the line has, if it has one.
-std::smatch number_of(const taken_line& line, std::string& text) {
-  static const std::regex pattern("(?:u?int:)?\\s*\\+?(-?)0*([0-9]+)(.*)");
-  text = line.line.value;
-  std::smatch part;
-  if (!line.taken.empty()) std::regex_match(text, part, pattern);
-  return part;
-}
-
-bool is_out_of_range(const taken_line& line) {
-  std::string text;
-  const std::smatch part = number_of(line, text);
-  return !part.empty() && part.str(1) + part.str(2) != line.taken;
-}
-
-bool has_text_behind(const taken_line& line) {
-  std::string text;
-  const std::smatch part = number_of(line, text);
-  return !part.empty() && part.length(3) > 0;
-}
-
-bool is_no_address(const taken_line& line) {
-  return inet_addr(line.taken.c_str()) == INADDR_NONE;
-}
-bool is_any_address(const taken_line& line) {
-  return inet_addr(line.taken.c_str()) == INADDR_ANY;
-}
-bool is_other_address(const taken_line& line) {
-  in_addr address{};
-  return inet_pton(AF_INET, line.taken.c_str(), &address) != 1;
-}
-
-// A comma stands between arguments when no operator can stand in its place.
-bool has_decimal_comma(const taken_line& line) {
-  std::string text(line.line.value);
-  for (char& letter : text) {
-    if (letter != ',') continue;
-    letter = '+';
-    te_expr* sum = te_compile(text.c_str(), &line.config.module.formula_vars, 1, nullptr);
-    letter = ',';
-    te_free(sum);
-    if (sum != nullptr) return true;
+  bool is_cut() const { return value != taken; }
+  bool is_zero() const { return taken == "0"; }
+  bool is_no_speed() const { return std::ranges::count(speeds, value) == 0; }
+  bool is_no_address() const { return inet_addr(taken.c_str()) == INADDR_NONE; }
+  bool is_any_address() const { return inet_addr(taken.c_str()) == INADDR_ANY; }
+  bool is_other_address() const {
+    in_addr address{};
+    return inet_pton(AF_INET, taken.c_str(), &address) != 1;
   }
-  return false;
-}
 
-bool is_zero(const taken_line& line) {
-  return line.taken == "0";
-}
-bool is_no_speed(const taken_line& line) {
-  return std::ranges::count(speeds, line.line.value) == 0;
-}
-bool has_number_sign(const taken_line& line) {
-  return line.line.value.starts_with('#') || line.line.value.find(" #") != string_view::npos;
-}
+  // Sign, digits and rest of a number. No match when the value is none.
+  std::cmatch number() const {
+    static const std::regex pattern("(?:u?int:)?\\s*\\+?(-?)0*([0-9]+)(.*)");
+    std::cmatch part;
+    std::regex_match(value.begin(), value.end(), part, pattern);
+    return part;
+  }
+  bool has_text_behind() const { return number().length(3) > 0; }
+  bool is_out_of_range() const {
+    const std::cmatch part = number();
+    return !part.empty() && part.str(1) + part.str(2) != taken;
+  }
+
+  // A comma stands between arguments when no operator can stand in its place.
+  bool has_decimal_comma() const {
+    std::string text(value);
+    for (char& letter : text) {
+      if (letter != ',') continue;
+      letter = '+';
+      te_expr* sum = te_compile(text.c_str(), &config.module.formula_vars, 1, nullptr);
+      letter = ',';
+      te_free(sum);
+      if (sum != nullptr) return true;
+    }
+    return false;
+  }
+};
 
 struct value_check {
   string_view key;
   severity kind;
-  bool (*holds)(const taken_line& line);
-  string_view text;  // {0} the line, {1} what it is taken for, {2} the address that this is, {3}
-                     // the speed that it may mean
+  bool (value_view::*holds)() const;
+  string_view text;  // {0} the line, {1} what it is taken for, {2} the address that this is
 };
 
 // Of the rows of a key the first that holds is reported.
 constexpr value_check value_checks[] = {
-    {"ip", warning, is_cut, "{0} is cut to '{1}'"},
-    {"ip", warning, is_no_address,
-     "{0} is no address, and nobody can ask the agent: write one "
-     "such as 127.0.0.1"},
-    {"ip", warning, is_other_address,
-     "{0} is read as {2}: write four numbers without leading zeros"},
-    {"ip", note, is_any_address,
-     "{0}: answers leave from the address that the route picks, and "
-     "clients that check it drop them; name one address"},
-    {"port", warning, has_text_behind, "{0} is read as {1}: leave out what follows the number"},
-    {"port", warning, is_out_of_range, "{0} is out of range and read as {1}"},
-    {"port", note, is_zero, "{0}: the system picks another port at each start"},
-    {"meter", warning, is_cut, "{0} is cut to '{1}'"},
-    {"metertype", warning, is_no_speed, "{0} counts as slow: write fast or slow{3}"},
-    {"type", warning, has_text_behind, "{0} is read as {1}: leave out what follows the number"},
-    {"type", warning, is_out_of_range, "{0} is out of range and read as {1}"},
-    {"computeformula", warning, has_decimal_comma,
-     "{0}: what stands before the comma is lost; write "
-     "a fraction with a point"},
+    {"ip", warning, &value_view::is_cut, "{0} is cut to '{1}'"},
+    {"ip", warning, &value_view::is_no_address, "{0}: nobody can ask there: write four numbers"},
+    {"ip", warning, &value_view::is_other_address, "{0} is read as {2}: write four plain numbers"},
+    {"ip", note, &value_view::is_any_address,
+     "{0}: clients that check where an answer comes from may drop it: name one address"},
+    {"port", warning, &value_view::has_text_behind, "{0} is read as {1}: leave out what follows"},
+    {"port", warning, &value_view::is_out_of_range, "{0} is out of range and read as {1}"},
+    {"port", note, &value_view::is_zero, "{0}: the system picks another port at each start"},
+    {"meter", warning, &value_view::is_cut, "{0} is cut to '{1}'"},
+    {"metertype", warning, &value_view::is_no_speed, "{0} counts as slow: write fast or slow"},
+    {"type", warning, &value_view::has_text_behind, "{0} is read as {1}: leave out what follows"},
+    {"type", warning, &value_view::is_out_of_range, "{0} is out of range and read as {1}"},
+    {"computeformula", warning, &value_view::has_decimal_comma,
+     "{0}: what stands before the comma is lost; write a fraction with a point"},
 };
 
 // ---- Keys --------------------------------------------------------------------------------------
 
 struct known_key {
   string_view name;
-  string_view wanted;                            // instead of a value that is refused
-  std::string (*taken)(const taken_line& line);  // null where the text is taken as it is
+  string_view wanted;  // instead of a value that is refused
 };
 
 constexpr known_key general_keys[] = {
-    {"ip", "", taken_ip},
-    {"port", "write a number from 0 to 65535", taken_port},
-    {"include", "name a file, from the host's working directory", nullptr},
+    {"ip", ""},
+    {"port", "write a number from 0 to 65535"},
+    {"include", "name a file, from the host's working directory"},
 };
 constexpr known_key keys_of_items[item_keys] = {
     // in the order of enum item_key
-    {"oid", "write up to 19 numbers with dots between them, the first two as in 1.3", nullptr},
-    {"meter", "", taken_meter},
-    {"metertype", "", nullptr},
-    {"type", "write int, uint or string, or one with a first value, as in int:-5", taken_type},
-    {"computeformula", "write it over 'value', as in value*100", nullptr},
+    {"oid", "write up to 19 numbers with dots between them, the first two as in 1.3"},
+    {"meter", ""},
+    {"metertype", ""},
+    {"type", "write int, uint or string, or one with a first value, as in int:-5"},
+    {"computeformula", "write it over 'value', as in value*100"},
 };
 
-void check_value(configuration& config, const key_line& line, const std::string& label,
-                 const known_key& known) {
-  taken_line with = {config, line, std::string(line.value)};
-  if (known.taken != nullptr) with.taken = known.taken(with);
+void check_value(configuration& config, const key_line& line, const std::string& label) {
+  const value_view view = {config, line.value, taken_from(config, line)};
   for (const auto& [key, kind, holds, text] : value_checks) {
-    if (key != line.key || !holds(with)) continue;
-    const char* address = inet_ntoa({inet_addr(with.taken.c_str())});
-    return config.report(line.at, kind, text, label, printable(with.taken), address,
-                         did_you_mean(line.value, speeds));
+    if (key != line.key || !(view.*holds)()) continue;
+    const char* address = inet_ntoa({inet_addr(view.taken.c_str())});
+    const std::string meant = key == "metertype" ? did_you_mean(line.value, speeds) : "";
+    return config.report(line.at, kind, std::string(text) + meant, label, printable(view.taken),
+                         address);
   }
 }
 
@@ -223,14 +186,13 @@ void check_key(configuration& config, const key_line& line) {
     if (line.key == "computeformula") item.formula = line.refusal.empty() ? line.value : "";
   }
   if (line.refusal.empty()) {
-    check_value(config, line, label, *known);
+    check_value(config, line, label);
   } else {
-    const bool type = known->taken == taken_type;
+    const string_view type = line.value.substr(0, line.value.find(':'));
     config.report(line.at, error, "{} is refused: {}{}{}", label, known->wanted,
-                  type ? did_you_mean(line.value.substr(0, line.value.find(':')), types) : "",
-                  line.refusal);
+                  line.key == "type" ? did_you_mean(type, types) : "", line.refusal);
   }
-  if (has_number_sign({config, line, {}})) {
+  if (line.value.starts_with('#') || line.value.find(" #") != string_view::npos) {
     config.report(line.at, warning, "{}: the # is part of the value; a comment begins with ;",
                   label);
   }
@@ -248,91 +210,83 @@ struct item_view {
   const meter* published;  // the host's meter of its name, or null
   served_value served;
   double result;  // of its formula now
+
+  bool has_no_meter() const { return binding.meter[0] == '\0'; }
+  bool has_lost_formula() const { return !source.formula.empty() && binding.formula == nullptr; }
+  bool has_no_oid() const { return item.oid.count == 0; }
+  bool has_no_type() const { return item.writer == encode_null; }
+  bool has_unknown_meter() const { return !has_no_meter() && published == nullptr; }
+  bool has_other_speed() const { return published != nullptr && binding.fast != published->speed; }
+  bool has_other_type() const;
+  bool has_result_outside() const {
+    return binding.formula != nullptr && !has_no_type() && std::trunc(result) != served.number;
+  }
+  bool has_formula_on_counter() const {
+    return binding.formula != nullptr && published != nullptr && published->counts;
+  }
+  bool cannot_be_named() const { return !has_no_oid() && !can_be_named(item.oid); }
 };
+
+// Whether the module takes no value of the meter for an item, tried at the meter's speed.
+bool item_view::has_other_type() const {
+  if (published == nullptr || has_no_type()) return false;
+  torvasin_key_value_list list;
+  const auto set = [&list, name = published->name](auto read) {
+    using reading = std::invoke_result_t<decltype(read), torvasin_host::meter_state&>;
+    list.set(name, typename reading::value_type{});
+  };
+  std::visit(set, published->read);
+  snmp_meter_binding tried = binding;
+  tried.fast = published->speed;
+  snmp_module module{};
+  module.bindings = &tried;
+  module.item_count = 1;
+  refresh_items(&module, &list, tried.fast);
+  return tried.refreshed == 0;
+}
 
 item_view view_of(const configuration& config, std::size_t i) {
   const snmp_meter_binding& binding = config.module.bindings[i];
   const snmp_item& item = config.module.items[i];
   const served_value served = serve(item);  // leaves the value that the formula is of
-  return {config.items[i],           item,   binding,
-          find_meter(binding.meter), served, te_eval(binding.formula)};
-}
-
-bool has_no_meter(const item_view& view) {
-  return view.binding.meter[0] == '\0';
-}
-bool has_lost_formula(const item_view& view) {
-  return !view.source.formula.empty() && view.binding.formula == nullptr;
-}
-bool has_no_oid(const item_view& view) {
-  return view.item.oid.count == 0;
-}
-bool has_no_type(const item_view& view) {
-  return view.item.writer == encode_null;
-}
-bool has_unknown_meter(const item_view& view) {
-  return !has_no_meter(view) && view.published == nullptr;
-}
-bool has_other_speed(const item_view& view) {
-  return view.published != nullptr && view.binding.fast != view.published->speed;
-}
-
-// Whether the module takes no value of the meter for an item, tried at the meter's speed.
-bool has_other_type(const item_view& view) {
-  if (view.published == nullptr || has_no_type(view)) return false;
-  torvasin_key_value_list list;
-  const auto set = [&list, name = view.published->name](auto read) {
-    using reading = std::invoke_result_t<decltype(read), torvasin_host::meter_state&>;
-    list.set(name, typename reading::value_type{});
-  };
-  std::visit(set, view.published->read);
-  snmp_meter_binding binding = view.binding;
-  binding.fast = view.published->speed;
-  snmp_module module{};
-  module.bindings = &binding;
-  module.item_count = 1;
-  refresh_items(&module, &list, binding.fast);
-  return binding.refreshed == 0;
-}
-
-bool has_result_outside(const item_view& view) {
-  return view.binding.formula != nullptr && !has_no_type(view) &&
-         std::trunc(view.result) != view.served.number;
-}
-bool has_formula_on_counter(const item_view& view) {
-  return view.binding.formula != nullptr && view.published != nullptr && view.published->counts;
-}
-bool can_be_in_no_request(const item_view& view) {
-  return !has_no_oid(view) && !can_be_named(view.item.oid);
+  const double result = te_eval(binding.formula);
+  return {config.items[i], item, binding, find_meter(binding.meter), served, result};
 }
 
 struct item_check {
   item_key key;  // whose line is at fault; item_keys for the section's
   severity kind;
-  bool (*holds)(const item_view& view);
+  bool (item_view::*holds)() const;
   bool logged;       // by the link pass, in the order of the rows
   string_view text;  // {0} the meter, {1} its speed, {2} its type, {3} the formula's result, {4}
                      // what is served, {5} the meter that may be meant
 };
 
 constexpr item_check item_checks[] = {
-    {key_meter, note, has_no_meter, true, "without a meter it serves its first value for good"},
-    {key_formula, warning, has_lost_formula, true, "a string has no formula: leave it out"},
-    {item_keys, error, has_no_oid, true, "it has no OID, and the agent does not start: add one"},
-    {item_keys, warning, has_no_type, false, "it has no type and answers NULL: add one"},
-    {key_meter, warning, has_unknown_meter, false, "this host has no meter '{0}'{5}"},
-    {key_metertype, warning, has_other_speed, false, "meter {0} is {1}: write metertype = {1}"},
-    {key_type, warning, has_other_type, false, "its type takes no {2}, which meter {0} is"},
-    {key_formula, note, has_result_outside, false, "the formula gives {3} now, served as {4}"},
-    {key_formula, note, has_formula_on_counter, false,
+    {key_meter, note, &item_view::has_no_meter, true,
+     "without a meter it serves its first value for good"},
+    {key_formula, warning, &item_view::has_lost_formula, true,
+     "a string has no formula: leave it out"},
+    {item_keys, error, &item_view::has_no_oid, true,
+     "it has no OID, and the agent does not start: add one"},
+    {item_keys, warning, &item_view::has_no_type, false,
+     "it has no type and answers NULL: add one"},
+    {key_meter, warning, &item_view::has_unknown_meter, false, "this host has no meter '{0}'{5}"},
+    {key_metertype, warning, &item_view::has_other_speed, false,
+     "meter {0} is {1}: write metertype = {1}"},
+    {key_type, warning, &item_view::has_other_type, false,
+     "its type takes no {2}, which meter {0} is"},
+    {key_formula, note, &item_view::has_result_outside, false,
+     "the formula gives {3} now, served as {4}"},
+    {key_formula, note, &item_view::has_formula_on_counter, false,
      "meter {0} counts: behind a formula it stays at the greatest number and does not go round"},
-    {key_oid, warning, can_be_in_no_request, false,
+    {key_oid, warning, &item_view::cannot_be_named, false,
      "no request can name this OID: write two numbers or more, the second below 40"},
 };
 
 void check_item(configuration& config, const item_view& view) {
   for (const auto& [key, kind, holds, logged, text] : item_checks) {
-    if (!holds(view)) continue;
+    if (!(view.*holds)()) continue;
     const auto& [source, item, binding, published, served, result] = view;
     std::string said = fmt::format(
         fmt::runtime(text), printable(binding.meter),
