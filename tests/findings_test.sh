@@ -42,7 +42,7 @@ printf '[General]\ninclude = loop.ini\n' >loop.ini
 formula() { printf '%s' "[ITEM_$1]\n${o}$1\n$m\n$u\ncomputeformula = $2\n"; }
 texts() { for i in $(seq "$1"); do printf '%s' "[ITEM_t$i]\n${o}$i\ntype = string:$x\n"; done; }
 
-find 'no fault' '' "\xEF\xBB\xBF[General]\nip = 192.0.2.1\nport: 1\n$a$m\n$u ; n\n  ; n\ncomputeformula = pow(value,2)\n"
+find 'no fault' '' "\xEF\xBB\xBF[General]\nip = 192.0.2.1\nport: 1\n$a$m\ntype = int:-5 ; n\n  ; n\ncomputeformula = pow(value,2)\n"
 find 'the address' 'w 2w 3w 4w 4w 5w 6n 7n 8w' "[General]\nip = local\nip = 010.0.0.1\nip = 127.0.0.1 # here
 ip = 127.1\nip = 0.0.0.0\nport = 0\nport = 31161x\n"
 find 'refused keys and lines' '1e 2e 6e 7e 8e 9e 10e 11e 12n 12e 12w 13e' "a = b\n[Generl]\na = 1\nb = 1\n[General]\nprot = 1
@@ -51,8 +51,8 @@ logged
 find 'refused values' '1e 4e 5w 5e 6e 7e 8e' "[ITEM_a]\n$s\ntype = int:\n  $u\ncomputeformula = value*
 [ITEM_b]\noid = 1..3\n$m\n$u\n"
 logged
-find 'a section again, and files' '6w more.ini2e 9e loop.ini2e' "$a$m\n$u\n[ITEM_a]\n[General]\ninclude = more.ini
-include = .\ninclude = loop.ini\n"
+find 'a section again, and files' '6w more.ini2e 9e loop.ini2e 11w' "$a$m\n$u\n[ITEM_a]\n[General]\ninclude = more.ini
+include = .\ninclude = loop.ini\n[General]\n"
 find 'what is cut' '1w 1e 2w 9w 9w' "[General] ; $x${x:0:59}\n[ITEM_$x]\n${o}2\n$s\n$a$u\nmeter = ${x:12}\n"
 find 'numbers' '5w 10w 15w 20w 25w 25w' "$a$m\n$u:-1\n[ITEM_b]\n${o}2\n$m\n$u:4294967296\n[ITEM_c]\n${o}3\n$m
 type = int:2147483648\n[ITEM_d]\n${o}4\n$m\ntype = int:5x\n[ITEM_e]\n${o}5\n$m\n$u:5 #\n"
@@ -64,7 +64,7 @@ find 'formulas' '5w 11w 17w 23n 29n 35n' "$a$s\ncomputeformula = value\n$(formul
 find 'OIDs' '8w 13w 18w' "$(formula 1 1)${a/a/b}$m\n$u\n[ITEM_c]\noid = 2.40.1\n$m\n$u\n[ITEM_d]\noid = 1\n$m\n$u\n"
 find 'no OID' '1e 1w 4e 7e 10w' "[ITEM_a]\n$m\n[ITEM_b]\n$s\n[ITEM_c]\n$s\ncomputeformula = 1\n"
 logged
-find 'ten long texts' "1n $(seq -f %gn 1 3 28 | xargs)" "$(texts 10)"
+find 'ten long texts' "1n 4n $(seq -f %gn 4 3 31 | xargs)" "[ITEM_a]\n${o}0\n$u\n$(texts 10)"
 find 'nine of them' "$(seq -f %gn 1 3 25 | xargs)" "$(texts 9)"
 
 
@@ -120,6 +120,8 @@ done <<'ITEMS'
 4.1.7.1.0.0 a_B aB
 4.1.7.2.3 ab ab2
 4.1.7.3.0 site site2.0
+4.1.8 n8 n8
+4.1.8.0 n80 n80
 ITEMS
 "$bin/torvasin_config" mib --name SITE-MIB items.ini >site.txt
 expect smilint '' "$(SMIPATH=. smilint -l 3 ./site.txt 2>&1)"
