@@ -119,7 +119,8 @@ done <<'ITEMS'
 4.1.5.1.0 current current2.0
 4.1.7.1.0.0 a_B aB
 4.1.7.2.3 ab ab2
-4.1.7.3.0 site site2.0
+4.1.7.3.0 site site2
+4.1.7.3.1.0 x x.0
 4.1.8 n8 n8
 4.1.8.0 n80 n80
 ITEMS
