@@ -58,7 +58,7 @@ find 'numbers' '5w 10w 15w 20w 25w 25w' "$a$m\n$u:-1\n[ITEM_b]\n${o}2\n$m\n$u:42
 type = int:2147483648\n[ITEM_d]\n${o}4\n$m\ntype = int:5x\n[ITEM_e]\n${o}5\n$m\n$u:5 #\n"
 find 'types and meters' '1w 7w 9w 14w 20w 21n' "$a$m\n[ITEM_b]\n${o}2\nmeter = system.laod1\n$u\nmetertype = fats
 [ITEM_c]\n${o}3\n$m\nmetertype = slow\n$u\n[ITEM_d]\n${o}4\n$m\ntype = string\n[ITEM_e]\n${o}5\n$u\n"
-logged
+cat out >>refused
 find 'formulas' '5w 11w 17w 23n 29n 35n' "$a$s\ncomputeformula = value\n$(formula 2 '0,5')$(formula 3 'pow((1,5),2)'
   )$(formula 4 -1)$(formula 5 '0/0')[ITEM_f]\n${o}6\n${m/system.load1/network.rx_octets}\n$u\ncomputeformula = value\n"
 find 'OIDs' '8w 13w 18w' "$(formula 1 1)${a/a/b}$m\n$u\n[ITEM_c]\noid = 2.40.1\n$m\n$u\n[ITEM_d]\noid = 1\n$m\n$u\n"
