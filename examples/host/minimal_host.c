@@ -1,0 +1,150 @@
+// The least that a host of the module needs, in C11. docs/integrating.md explains the contracts.
+//
+//   minimal_host LIBRARY CONFIGURATION
+//
+// It starts one instance and publishes two meters until SIGINT or SIGTERM: host.seconds (unsigned,
+// fast: every second) and host.program (text, slow: every ten seconds). The main thread does all of
+// it. The module's own thread, which answers requests, calls torvasin_log and nothing else here.
+
+#define _POSIX_C_SOURCE 200809L
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <torvasin.h>
+
+// One fprintf writes the whole line, so lines of several threads do not mix.
+void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...) {
+  (void)flag;
+  if (level < TORVASIN_LOG_WARNING) return;
+  char text[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  fprintf(stderr, "%d %s:%d %s\n", level, source, line, text);
+}
+
+// A size of 0 gets a block too: null means that there is no memory.
+void* torvasin_malloc(size_t size) { return malloc(size > 0 ? size : 1); }
+void* torvasin_realloc(void* memory, size_t size) { return realloc(memory, size > 0 ? size : 1); }
+void torvasin_free(void* memory) { free(memory); }
+
+struct kept_text {
+  struct kept_text* next;
+  char characters[];
+};
+
+// The host's copy of a text. Each distinct text is kept once, until the process ends, so the module
+// may move and free value records. A host whose texts change often must free those replaced.
+static const char* keep(const char* text) {
+  static struct kept_text* first;
+  struct kept_text* kept = first;
+  while (kept != NULL && strcmp(kept->characters, text) != 0) kept = kept->next;
+  if (kept != NULL) return kept->characters;
+  if ((kept = malloc(sizeof *kept + strlen(text) + 1)) == NULL) return "";
+  kept->next = first;
+  first = kept;
+  return strcpy(kept->characters, text);
+}
+
+void torvasin_valueInitUInt32(torvasin_value* value, uint32_t number) {
+  *value = (torvasin_value){TORVASIN_UINT32, {.uint32 = number}};
+}
+void torvasin_valueInitInt32(torvasin_value* value, int32_t number) {
+  *value = (torvasin_value){TORVASIN_INT32, {.int32 = number}};
+}
+void torvasin_valueInitFloat(torvasin_value* value, float number) {
+  *value = (torvasin_value){TORVASIN_FLOAT, {.float32 = number}};
+}
+void torvasin_valueInitS(torvasin_value* value, const char* text) {
+  *value = (torvasin_value){TORVASIN_TEXT, {.text = keep(text)}};
+}
+void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
+  torvasin_valueInitS(value, text);
+  if (owned != 0) torvasin_free(text);
+}
+
+// A list is an array of these. One without a key ends it.
+struct torvasin_key_value_list {
+  const char* key;
+  torvasin_value value;
+};
+int torvasin_keyValueListGet(const torvasin_key_value_list* list, const char* key,
+                             const torvasin_value** value) {
+  while (list->key != NULL && strcmp(list->key, key) != 0) list++;
+  if (list->key != NULL) *value = &list->value;
+  return list->key != NULL ? 0 : -1;
+}
+int torvasin_keyValueListGetS(const torvasin_key_value_list* list, const char* key,
+                              const char** text) {
+  const torvasin_value* value;
+  if (torvasin_keyValueListGet(list, key, &value) != 0 || value->type != TORVASIN_TEXT) return -1;
+  *text = value->payload.text;
+  return 0;
+}
+int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* key,
+                               uint32_t* number) {
+  const torvasin_value* value;
+  if (torvasin_keyValueListGet(list, key, &value) != 0 || value->type > TORVASIN_INT32) return -1;
+  *number = value->payload.uint32;
+  return 0;
+}
+
+// One registration a speed is enough for one instance. Only the main thread adds, calls and removes
+// callbacks: there is no lock, and no call is running when a callback is removed. A host with meter
+// threads guards its registrations with a lock, and a removal waits for the running calls.
+static struct registration {
+  torvasin_meter_callback callback;  // null when there is none
+  void* user;
+} registrations[2];
+
+void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
+                                              torvasin_meter_callback callback, void* user) {
+  (void)engine;
+  if (registrations[speed].callback != NULL) return NULL;
+  registrations[speed] = (struct registration){callback, user};
+  return &registrations[speed];
+}
+void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {
+  (void)engine;
+  if (registration != NULL) *(struct registration*)registration = (struct registration){0};
+}
+
+static void publish(int speed, const char* meter, torvasin_value value) {
+  const torvasin_key_value_list list[] = {{meter, value}, {.key = NULL}};
+  const struct registration* to = &registrations[speed];
+  if (to->callback != NULL) to->callback(list, to->user);
+}
+
+int main(int argc, char** argv) {
+  if (argc != 3) return fputs("usage: minimal_host LIBRARY CONFIGURATION\n", stderr), 2;
+  void* library = dlopen(argv[1], RTLD_NOW);
+  const torvasin_plugin_entry* entry = library != NULL ? dlsym(library, "plugin_entry_0_6") : NULL;
+  if (entry == NULL) return fprintf(stderr, "%s\n", dlerror()), 1;
+
+  sigset_t signals;  // blocked before there is a second thread, and taken by sigtimedwait alone
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigprocmask(SIG_BLOCK, &signals, NULL);
+
+  torvasin_plugin_context context = {.name = "snmp"};
+  const torvasin_value file = {TORVASIN_TEXT, {.text = argv[2]}};
+  const torvasin_key_value_list settings[] = {{"conf_file", file}, {.key = NULL}};
+  if (entry->startCycle(&context, settings) != 0) return 1;
+  entry->startThread(&context);
+  const torvasin_value program = {TORVASIN_TEXT, {.text = argv[0]}};
+  uint32_t seconds = 0;
+  do {
+    publish(TORVASIN_FAST, "host.seconds", (torvasin_value){TORVASIN_UINT32, {.uint32 = seconds}});
+    if (seconds++ % 10 == 0) publish(TORVASIN_SLOW, "host.program", program);
+  } while (sigtimedwait(&signals, NULL, &(struct timespec){.tv_sec = 1}) < 0);
+
+  entry->preStopCycle(&context);
+  entry->stopCycle(&context, 0);
+  return dlclose(library) == 0 ? 0 : 1;
+}
