@@ -49,7 +49,7 @@ typedef struct torvasin_value {
 } torvasin_value;
 
 // The host's per-instance record, the same pointer at every entry and in every meter callback. A
-// module reads name and engine and owns private_data; the rest is none of its business.
+// module reads name and engine, owns private_data and touches nothing else.
 typedef struct torvasin_plugin_context {
   char name[40];  // NUL-terminated instance name
   void* engine;
