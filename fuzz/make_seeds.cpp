@@ -9,7 +9,8 @@ const std::string start = "30 05 06 01 00 05 00 ";
 const std::string up_time = "30 0C 06 08 2B 06 01 02 01 01 03 00 05 00 ";
 const std::string number = "30 13 06 0A 2B 06 01 04 01 86 8D 1F 00 00 41 05 00 FF FF FF FF ";
 const std::string text = "30 0F 06 0B 2B 06 01 04 01 86 8D 1F 03 8A 78 05 00 ";  // of 1400 octets
-const std::string deepest = null_varbind({{1, 3, 7, 4294967295}, 20});
+const std::string deepest =
+    null_varbind({1, 3, 7, 4294967295, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
 const std::string five = up_time + start + deepest + text + number;
 
 const request_parts requests[] = {

@@ -18,41 +18,41 @@ int32_t encode_number(ber_tlv* destination, size_t capacity, size_t* size_out, v
 }
 
 // Items that serve their index.
-std::vector<snmp_item> table_of(const std::vector<snmp_oid>& oids) {
+std::vector<snmp_item> table_of(const std::vector<object_id>& oids) {
   std::vector<snmp_item> items;
-  for (const snmp_oid& oid : oids) items.push_back({oid, encode_number, reinterpret_cast<void*>(items.size())});
+  for (const object_id& oid : oids)
+    items.push_back({oid_of(oid), encode_number, reinterpret_cast<void*>(items.size())});
   return items;
 }
 
 // OIDs that share a beginning, mostly, and go on with few of few sub-identifiers, where prefixes, equals and
-// neighbours abound, in std::vector's order. Entries beyond the count hold anything.
+// neighbours abound, in std::vector's order.
 TEST(lookups, agree_with_a_plain_search) {
   std::mt19937 random(1);
   size_t shared = 0;
   const auto any_oid = [&] {
     const uint32_t subids[] = {0, 1, 2, 2147483648, 4294967295};
-    snmp_oid oid = {};
-    oid.count = shared + random() % 5;
-    for (size_t i = 0; i < SNMP_MAX_SUBIDS; i++) {
-      oid.subid[i] = i < shared && random() % 16 != 0 ? 7 : subids[random() % std::size(subids)];
+    object_id oid(shared + random() % 5);
+    for (size_t i = 0; i < oid.size(); i++) {
+      oid[i] = i < shared && random() % 16 != 0 ? 7 : subids[random() % std::size(subids)];
     }
     return oid;
   };
-  const auto plain = [](const snmp_oid& oid) { return std::vector<uint32_t>(oid.subid, oid.subid + oid.count); };
   for (int round = 0; round < 20000; round++) {
     SCOPED_TRACE(round);
     shared = random() % 17;
     const auto count = static_cast<uint32_t>(random() % 13);
-    std::vector<snmp_oid> oids(count);
+    std::vector<object_id> oids(count);
     std::generate(oids.begin(), oids.end(), any_oid);
     const std::vector<snmp_item> items = table_of(oids);
-    const snmp_oid wanted = any_oid();
+    const object_id asked = any_oid();
+    const snmp_oid wanted = oid_of(asked);
     const snmp_item *equal = nullptr, *next = nullptr;
     for (size_t i = items.size(); i-- > 0;) {
-      const auto order = plain(oids[i]) <=> plain(wanted);
-      EXPECT_EQ(order, compare_oid(&oids[i], &wanted) <=> 0);
+      const auto order = oids[i] <=> asked;
+      EXPECT_EQ(order, compare_oid(&items[i].oid, &wanted) <=> 0);
       if (order == 0) equal = &items[i];
-      if (order > 0 && (next == nullptr || plain(oids[i]) < plain(next->oid))) next = &items[i];
+      if (order > 0 && (next == nullptr || compare_oid(&items[i].oid, &next->oid) < 0)) next = &items[i];
     }
     const auto check = [&](const snmp_item* expected, decltype(find_snmp_item) find) {
       const snmp_item* found = items.data() + count;
@@ -66,21 +66,21 @@ TEST(lookups, agree_with_a_plain_search) {
   EXPECT_EQ(-1, find_snmp_item(nullptr, 0, nullptr, nullptr));
 }
 
-const snmp_oid a = oid_of({1, 3, 6, 1, 1});
-const snmp_oid b = oid_of({1, 3, 6, 1, 2, 1});
-const snmp_oid c = oid_of({1, 3, 6, 1, 2, 1, 5});
-const snmp_oid d = oid_of({1, 3, 6, 1, 4, 1, 9, 1});
-const snmp_oid e = oid_of({1, 3, 6, 2147483648});
-const snmp_oid before = oid_of({1, 3, 6, 1});
-const snmp_oid unknown = oid_of({1, 3, 6, 1, 2, 1, 7});
+const object_id a = {1, 3, 6, 1, 1};
+const object_id b = {1, 3, 6, 1, 2, 1};
+const object_id c = {1, 3, 6, 1, 2, 1, 5};
+const object_id d = {1, 3, 6, 1, 4, 1, 9, 1};
+const object_id e = {1, 3, 6, 2147483648};
+const object_id before = {1, 3, 6, 1};
+const object_id unknown = {1, 3, 6, 1, 2, 1, 7};
 // Not in OID order, so that the index, which is the value, tells which item answered.
 const std::vector<snmp_item> table = table_of({b, d, e, c, a});
 
-using oids = std::initializer_list<snmp_oid>;
+using oids = std::initializer_list<object_id>;
 
 request_parts get(oids asked, uint8_t pdu_tag = PDU_GET) {
   request_parts parts = {.pdu_tag = pdu_tag, .varbinds = ""};
-  for (const snmp_oid& oid : asked) parts.varbinds += null_varbind(oid);
+  for (const object_id& oid : asked) parts.varbinds += null_varbind(oid);
   return parts;
 }
 request_parts getnext(oids asked) { return get(asked, PDU_GETNEXT); }
@@ -102,7 +102,7 @@ request_parts of_community(const std::string& community, request_parts parts) {
 int32_t keep(void* context, const uint8_t* message, size_t length) {
   auto* sent = static_cast<std::string*>(context);
   EXPECT_EQ("", *sent) << "sent twice";
-  *sent = describe(message, length);
+  *sent = describe({message, length});
   return 7;
 }
 
@@ -145,8 +145,8 @@ TEST(pipeline, answers) {
 
 TEST(pipeline, bulk_ends_with_a_full_response) {
   captured_log log;
-  std::vector<snmp_oid> descending;
-  for (uint32_t i = 50; i > 0; i--) descending.push_back(oid_of({1, 3, 6, 1, i, 0}));
+  std::vector<object_id> descending;
+  for (uint32_t i = 50; i > 0; i--) descending.push_back({1, 3, 6, 1, i, 0});
   std::string expected = "0 0:";
   for (uint8_t i = 2; i < 22; i++) {
     const auto subid = static_cast<uint8_t>(i / 2 + i % 2 * 25);
@@ -159,7 +159,7 @@ TEST(pipeline, bulk_ends_with_a_full_response) {
 TEST(handlers, write_nothing_behind_a_full_response) {
   captured_log log;
   snmp_response responses[2] = {};  // the second one for what is written beyond the first
-  snmp_request request = {"public", PDU_GET, SNMP_V2C, 1, 0, 0, {unknown, a}, 2};
+  snmp_request request = {"public", PDU_GET, SNMP_V2C, 1, 0, 0, {oid_of(unknown), oid_of(a)}, 2};
   for (const uint64_t count : {20u, 21u}) {
     responses->varbind_count = count;
     EXPECT_EQ(-1, minimal_snmp_handle_get(table.data(), 5, &request, responses));

@@ -69,7 +69,7 @@ TEST(decoder, refuses_with_the_message_of_the_first_fault) {
   }
 }
 
-const std::string up_time = ": 06 08 2B 06 01 02 01 01 03 00";
+const std::string up_time = ": 1.3.6.1.2.1.1.3.0";
 
 // Expected: version, type, community, id, second, third, count of OIDs: the last OID.
 const std::tuple<const char*, octets, std::string> acceptances[] = {
@@ -79,16 +79,16 @@ const std::tuple<const char*, octets, std::string> acceptances[] = {
     {"5 octets, no varbind", build({.id = "02 05 01 80 00 00 05", .varbinds = ""}), "1 GET public -2147483643 0 0 0:"},
     {"bulk", build({.pdu_tag = 0xA5, .second = "02 01 FF", .third = "02 02 00 80"}),
      "1 GETBULK public 1 4294967295 128 1" + up_time},
-    {"20 varbinds", with(repeated(20, short_varbind)), "1 GET public 1 0 0 20: 06 02 2B 06"},
+    {"20 varbinds", with(repeated(20, short_varbind)), "1 GET public 1 0 0 20:" + repeated(20, " 1.3.6")},
     {"63 octets", build({.community = "04 3F" + repeated(63, " 61")}),
      "1 GET " + repeated(63, "a") + " 1 0 0 1" + up_time},
     {"a zero inside", build({.community = "04 03 61 00 62", .varbinds = ""}), "1 GET a 1 0 0 0:"},
-    {"0x80 as length 0", with("30 05 06 01 2B 05 80"), "1 GET public 1 0 0 1: 06 01 2B"},
-    {"long lengths", with("30 82 00 07 06 81 01 2B 04 01 00"), "1 GET public 1 0 0 1: 06 01 2B"},
-    {"groups", with("30 0A 06 06 2B 81 00 83 FF 7F 05 00"), "1 GET public 1 0 0 1: 06 06 2B 81 00 83 FF 7F"},
-    {"32 bits kept", with("30 0B 06 06 2B 90 80 80 80 05 05 00"), "1 GET public 1 0 0 1: 06 02 2B 05"},
+    {"0x80 as length 0", with("30 05 06 01 2B 05 80"), "1 GET public 1 0 0 1: 1.3"},
+    {"long lengths", with("30 82 00 07 06 81 01 2B 04 01 00"), "1 GET public 1 0 0 1: 1.3"},
+    {"groups", with("30 0A 06 06 2B 81 00 83 FF 7F 05 00"), "1 GET public 1 0 0 1: 1.3.128.65535"},
+    {"32 bits kept", with("30 0B 06 06 2B 90 80 80 80 05 05 00"), "1 GET public 1 0 0 1: 1.3.5"},
     {"20 sub-identifiers", with("30 17 06 13 7F" + repeated(18, " 01") + " 05 00"),
-     "1 GET public 1 0 0 1: 06 13 7F" + repeated(18, " 01")},
+     "1 GET public 1 0 0 1: 3.7" + repeated(18, ".1")},
 };
 
 TEST(decoder, accepts_a_whole_message_only) {
@@ -104,7 +104,7 @@ TEST(decoder, accepts_a_whole_message_only) {
     std::ostringstream text;
     text << got.ver << " " << get_pdu_name(got.pdu_type) << " " << got.community << " " << got.id << " "
          << got.non_repeaters << " " << got.max_repetitions << " " << got.oid_count << ":";
-    if (got.oid_count > 0) text << " " << to_hex(encoded(got.oid[got.oid_count - 1]));
+    for (const snmp_oid& oid : std::span(got.oid, got.oid_count)) text << " " << dotted({oid.subid, oid.count});
     EXPECT_EQ(expected, text.str());
     for (size_t i = got.oid_count; i < SNMP_MAX_REQUEST_OIDS; i++) EXPECT_EQ(0u, got.oid[i].count) << i;
   }

@@ -101,7 +101,7 @@ std::string items(const std::string& arc) {
 }
 octets get(uint32_t arc, std::initializer_list<uint32_t> asked) {
   std::string varbinds;
-  for (const uint32_t last : asked) varbinds += null_varbind(oid_of({1, 3, 6, arc, last}));
+  for (const uint32_t last : asked) varbinds += null_varbind({1, 3, 6, arc, last});
   return build({.varbinds = varbinds});
 }
 const octets get_a_and_b = get(1, {1, 2});
@@ -128,7 +128,7 @@ class udp_client {
     uint8_t answer[2048];
     pollfd readable = {fd_, POLLIN, 0};
     const ssize_t length = poll(&readable, 1, patience) > 0 ? recv(fd_, answer, sizeof answer, 0) : -1;
-    return length < 0 ? "silence" : describe(answer, static_cast<size_t>(length));
+    return length < 0 ? "silence" : describe({answer, static_cast<size_t>(length)});
   }
 
  private:
