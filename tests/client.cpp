@@ -95,22 +95,28 @@ static void check_value(view value) {
   require(empty || counter || tag == 0x02 || tag == 0x04 || tag == 0x06, "value of an unknown type");
 }
 
-object_id subids_of(view name) {
+// Returns how many there are; a sub-identifier is written by its last octet.
+static size_t read_oid(view name, std::span<uint32_t, 20> subids) {
   require(!name.empty() && name[0] < 0x80 && name.back() < 0x80, "first or last octet of an OID");
-  object_id subids;
-  subids.reserve(20);
-  subids.assign({name[0] / 40u, name[0] % 40u});
+  subids[0] = name[0] / 40u;
+  subids[1] = name[0] % 40u;
+  size_t count = 2;
   uint64_t subid = 0;
   for (uint8_t octet : name.subspan(1)) {
     require(subid != 0 || octet != 0x80, "sub-identifier not in its fewest groups");
     subid = subid << 7 | (octet & 0x7F);
     require(subid <= UINT32_MAX, "sub-identifier above 32 bits");
     if (octet >= 0x80) continue;
-    subids.push_back(static_cast<uint32_t>(subid));
+    require(count < subids.size(), "OID above 20 sub-identifiers");
+    subids[count++] = static_cast<uint32_t>(subid);
     subid = 0;
   }
-  require(subids.size() <= 20, "OID above 20 sub-identifiers");
-  return subids;
+  return count;
+}
+
+object_id subids_of(view name) {
+  uint32_t subids[20];
+  return {subids, subids + read_oid(name, subids)};
 }
 
 const char* read_strictly(view message, read_response* response, uint8_t pdu_tag) try {
@@ -122,11 +128,12 @@ const char* read_strictly(view message, read_response* response, uint8_t pdu_tag
   response->id = number(element(pdu, 0x02));
   response->error_status = number(element(pdu, 0x02));
   response->error_index = number(element(pdu, 0x02));
+  uint32_t subids[20];
   response->varbinds.clear();
   for (view list = last_element(pdu, 0x30); !list.empty();) {
     view value = element(list, 0x30);
     const view name = element(value, 0x06);
-    subids_of(name);
+    read_oid(name, subids);
     check_value(value);
     response->varbinds.push_back({name, value});
   }
