@@ -20,8 +20,7 @@ int32_t encode_number(ber_tlv* destination, size_t capacity, size_t* size_out, v
 // Items that serve their index.
 std::vector<snmp_item> table_of(const std::vector<object_id>& oids) {
   std::vector<snmp_item> items;
-  for (const object_id& oid : oids)
-    items.push_back({oid_of(oid), encode_number, reinterpret_cast<void*>(items.size())});
+  for (const auto& oid : oids) items.push_back({oid_of(oid), encode_number, reinterpret_cast<void*>(items.size())});
   return items;
 }
 
@@ -66,13 +65,8 @@ TEST(lookups, agree_with_a_plain_search) {
   EXPECT_EQ(-1, find_snmp_item(nullptr, 0, nullptr, nullptr));
 }
 
-const object_id a = {1, 3, 6, 1, 1};
-const object_id b = {1, 3, 6, 1, 2, 1};
-const object_id c = {1, 3, 6, 1, 2, 1, 5};
-const object_id d = {1, 3, 6, 1, 4, 1, 9, 1};
-const object_id e = {1, 3, 6, 2147483648};
-const object_id before = {1, 3, 6, 1};
-const object_id unknown = {1, 3, 6, 1, 2, 1, 7};
+const object_id a = {1, 3, 6, 1, 1}, b = {1, 3, 6, 1, 2, 1}, c = {1, 3, 6, 1, 2, 1, 5}, d = {1, 3, 6, 1, 4, 1, 9, 1};
+const object_id e = {1, 3, 6, 2147483648}, before = {1, 3, 6, 1}, unknown = {1, 3, 6, 1, 2, 1, 7};
 // Not in OID order, so that the index, which is the value, tells which item answered.
 const std::vector<snmp_item> table = table_of({b, d, e, c, a});
 

@@ -57,12 +57,11 @@ static void require(bool holds, const char* otherwise) {
 // Takes an element of this tag off the front; returns its content.
 static view element(view& in, uint8_t tag) {
   require(in.size() >= 2 && in[0] == tag, "no header, or unexpected tag");
-  const size_t length_octets = in[1] < 0x80 ? 0 : in[1] - 0x80u;
-  require(in[1] != 0x80 && length_octets <= 2 && in.size() >= 2 + length_octets, "length form");
-  size_t length = length_octets == 0 ? in[1] : 0;
-  for (uint8_t octet : in.subspan(2, length_octets)) length = length << 8 | octet;
-  require(length_octets == 0 || length >= (length_octets == 1 ? 0x80 : 0x100), "length not in its shortest form");
-  const view behind = in.subspan(2 + length_octets);
+  const size_t more = in[1] < 0x80 ? 0 : in[1] - 0x80u;  // octets of the length
+  require(in[1] != 0x80 && more <= 2 && in.size() >= 2 + more, "length form");
+  const size_t length = more == 0 ? in[1] : more == 1 ? in[2] : in[2] * 0x100u + in[3];
+  require(more == 0 || length >= (more == 1 ? 0x80 : 0x100), "length not in its shortest form");
+  const view behind = in.subspan(2 + more);
   require(behind.size() >= length, "content cut off");
   in = behind.subspan(length);
   return behind.first(length);
@@ -145,9 +144,8 @@ std::string describe(view message) {
   if (const char* fault = read_strictly(message, &response)) return fault;
   std::string text = std::to_string(response.error_status) + " " + std::to_string(response.error_index) + ":";
   for (const auto& [name, value] : response.varbinds) {
-    std::string hex = to_hex(value);
-    std::erase(hex, ' ');
-    text += " " + dotted(subids_of(name)) + "=" + hex;
+    text += " " + dotted(subids_of(name)) + "=";
+    for (const char digit : to_hex(value)) text.append(digit != ' ', digit);
   }
   return text;
 }

@@ -26,12 +26,9 @@ std::string null_varbind(const object_id& oid);  // with its value NULL, in hex
 // An SNMPv2c GET of 1.3.6.1.2.1.1.3.0, of which a caller changes what it is about; hex, but for the tags.
 struct request_parts {
   uint8_t message_tag = 0x30;
-  std::string version = "02 01 01";
-  std::string community = "04 06 70 75 62 6C 69 63";
+  std::string version = "02 01 01", community = "04 06 70 75 62 6C 69 63";
   uint8_t pdu_tag = 0xA0;
-  std::string id = "02 01 01";
-  std::string second = "02 01 00";
-  std::string third = "02 01 00";
+  std::string id = "02 01 01", second = "02 01 00", third = "02 01 00";
   uint8_t list_tag = 0x30;
   std::string varbinds = "30 0C 06 08 2B 06 01 02 01 01 03 00 05 00";
 };

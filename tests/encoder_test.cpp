@@ -38,7 +38,7 @@ TEST(values, oids) {
   while (longest.count < SNMP_MAX_SUBIDS) longest.subid[longest.count++] = UINT32_MAX;
   const std::pair<snmp_oid, std::string> rows[] = {
       {oid_of({0, 0}), "06 01 00"},
-      {oid_of({1}), "06 01 28"},
+      {snmp_oid{{1}, 1}, "06 01 28"},
       {oid_of({2, 47}), "06 01 7F"},
       {oid_of({1, 3, 6, 127, 128}), "06 05 2B 06 7F 81 00"},
       {oid_of({1, 3, 16383, 16384}), "06 06 2B FF 7F 81 80 00"},

@@ -3,26 +3,55 @@
 #ifndef TORVASIN_TESTS_SUPPORT_H
 #define TORVASIN_TESTS_SUPPORT_H
 
+#include <algorithm>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "client.h"
 #include "host/log.h"
 #include "module/snmp/snmp/snmp_msg_protocol.h"
 
-std::string repeated(size_t times, const std::string& text);
-snmp_oid oid_of(const object_id& oid);  // as the agent's record; entries beyond the count hold anything
+inline std::string repeated(size_t times, const std::string& text) {
+  std::string all;
+  while (times-- > 0) all += text;
+  return all;
+}
+
+// As the agent's record, whose entries beyond the count hold anything, small numbers too.
+inline snmp_oid oid_of(const object_id& oid) {
+  static uint32_t unused = 0;
+  snmp_oid record = {{}, oid.size()};
+  std::ranges::fill(record.subid, unused++ % 8);
+  std::ranges::copy(oid, record.subid);
+  return record;
+}
 
 // Captures the log, all levels of it, from its construction to its destruction.
 class captured_log {
  public:
-  captured_log();
+  captured_log() {
+    torvasin_host::set_log_level(1);
+    const auto keep = [](const torvasin_host::log_record& record, void* self) {
+      auto* log = static_cast<captured_log*>(self);
+      const std::lock_guard guard(log->mutex_);
+      log->lines_.emplace_back(record.level, record.text);
+    };
+    torvasin_host::set_log_sink(keep, this);
+  }
   ~captured_log() { torvasin_host::set_log_sink(nullptr, nullptr); }
 
   // The lines since the last call of this level and above, each as "level text\n".
-  std::string take(int least_level = 2);
-  bool has(int level, const std::string& text);  // among the lines not yet taken
+  std::string take(int least_level = 2) {
+    const std::lock_guard guard(mutex_);
+    std::string taken;
+    for (const auto& [level, text] : std::exchange(lines_, {})) {
+      if (level >= least_level) taken += std::to_string(level) + " " + text + "\n";
+    }
+    return taken;
+  }
+  bool has(int level, const std::string& text) {  // among the lines not yet taken
+    const std::lock_guard guard(mutex_);
+    return std::ranges::count(lines_, std::pair(level, text)) > 0;
+  }
 
  private:
   std::mutex mutex_;
