@@ -2,7 +2,8 @@
 # (cpack).
 
 install(FILES src/module/torvasin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY config/ examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(DIRECTORY config/ examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+  PATTERN .clang-format EXCLUDE)
 
 # ---- Documents: all but those about the tree itself
 
