@@ -80,7 +80,7 @@ class latencies {
     std::uint64_t below = 0;
     std::uint32_t at = 0;
     while (at < counts_.size() && (below += counts_[at]) * 100 <= (total_ - 1) * percent) at++;
-    return total_ == 0 ? 0.0 : double{std::bit_cast<float>(at << dropped_bits)} / 1e3;
+    return total_ == 0 ? 0.0 : static_cast<double>(std::bit_cast<float>(at << dropped_bits)) / 1e3;
   }
 
  private:
@@ -162,8 +162,9 @@ void generator::ask(std::size_t i) {
   slot& s = slots_[i];
   s.message = requests_[next_request_];
   next_request_ = (next_request_ + 1) % requests_.size();
-  const auto id = std::ranges::search(s.message, placeholder_id);
-  s.id_at = static_cast<std::size_t>(id.begin() - s.message.begin());
+  const auto id = std::search(s.message.begin(), s.message.end(), std::begin(placeholder_id),
+                              std::end(placeholder_id));
+  s.id_at = static_cast<std::size_t>(id - s.message.begin());
   s.asked = {};
   outstanding_++;
   ask_again(i);
