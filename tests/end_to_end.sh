@@ -2,23 +2,13 @@
 # The built library and host program, as net-snmp's clients and an operator meet them.
 # Usage: end_to_end.sh BINARY_DIRECTORY EXAMPLE_CONFIGURATION
 
-# shellcheck source=scripts/lib.sh
-. "$(dirname "$0")/../scripts/lib.sh"
-cd "$caller"
-bin=$(realpath "$1")
-example=$(realpath "$2")
+# shellcheck source=tests/lib.sh
+. "$(dirname "$0")/lib.sh"
+bin=$1
+example=$2
 library=$bin/libtorvasin_snmp.so
-scratch=$(mktemp -d)
-trap 'stop_servers; rm -rf "$scratch"' EXIT
 choose_port
-cd "$scratch"
 
-failures=0
-expect() {
-  [ "$2" = "$3" ] && return
-  printf 'FAILED %s\n expected: %s\n but got:  %s\n' "$1" "$2" "$3"
-  failures=$((failures + 1))
-}
 ask() { "$1" -On -m '' -r 1 "${@:2}" 2>&1 || true; }
 get() { ask snmpget -v2c -c public -t 0.3 -Oqv "127.0.0.1:$port" ".1.3.6.1.4.1.32473.$1"; }
 junk() { for ((n = 0; n < $1; n++)); do printf "%0$((n % 200 + 1))d" "$n" >"/dev/udp/127.0.0.1/$port"; done; }
@@ -119,4 +109,4 @@ expect 'renice refused, ended by INT' '0 failure cannot change the nice value by
   echo $?) $(grep -o 'failure.*' log)"
 expect 'a full device' 1 "$("$bin/torvasin_host" --list-meters 2>/dev/null >/dev/full || echo $?)"
 
-printf '%d failed\n' "$failures" && [ "$failures" -eq 0 ]
+finish
