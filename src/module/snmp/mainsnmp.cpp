@@ -22,17 +22,20 @@
 #include "snmp/snmp_log.h"
 #include "snmp/snmp_msg_protocol.h"
 
+// ---- Shared helpers ----------------------------------------------------------------------------
+//
+// What more than one of the sections below needs. All other helpers belong to one section. The
+// sections call one another only through the functions of mainsnmp.h.
+
 namespace {
 
 constexpr char log_source[] = "src/module/snmp/mainsnmp";
-
-using std::string_view;
 
 snmp_module* module_of(const torvasin_plugin_context* context) {
   return static_cast<snmp_module*>(context->private_data);
 }
 
-// Copies as much of a text as fits, always terminated.
+// Copies as much of a text as fits. The copy always ends with a zero.
 template <size_t size>
 void copy_text(char (&destination)[size], const char* text) {
   const size_t length = strnlen(text, size - 1);
@@ -40,7 +43,7 @@ void copy_text(char (&destination)[size], const char* text) {
   destination[length] = '\0';
 }
 
-// Calls a lock operation again for as long as it asks for that. Returns its last result.
+// Repeats a lock operation while it returns EAGAIN. Returns its last result.
 int32_t retry(int (*operation)(pthread_mutex_t*), pthread_mutex_t* lock) {
   int result;
   do {
@@ -49,13 +52,26 @@ int32_t retry(int (*operation)(pthread_mutex_t*), pthread_mutex_t* lock) {
   return result;
 }
 
+// The poller goes on while its run flag is 1. startThread and preStopCycle set the flag.
+bool running(snmp_module* module) {
+  return std::atomic_ref<int32_t>(module->run).load() == 1;
+}
+
+void set_running(snmp_module* module, int32_t run) {
+  std::atomic_ref<int32_t>(module->run).store(run);
+}
+
 }  // namespace
 
-// ---- Item store: the tables, their growth, the link pass, the release and the value writers ----
+// ---- Item store --------------------------------------------------------------------------------
+//
+// Finds an item by its name or creates it, links and checks the items once the configuration is
+// read, and releases them.
 
 namespace {
 
-// Makes room for one more entry; false, and the table as it was, when there is no memory.
+// Makes room for one more entry. Returns false and leaves the table as it was when there is no
+// memory.
 template <typename entry>
 bool grow(entry** table, uint32_t count) {
   void* grown = torvasin_realloc(*table, (size_t{count} + 1) * sizeof(entry));
@@ -64,37 +80,10 @@ bool grow(entry** table, uint32_t count) {
   return true;
 }
 
-// Works out the number that an item serves, cut to what its type holds. Whole numbers and floats
-// are all exact as a double.
-template <typename number>
-number item_number(const snmp_meter_binding* binding) {
-  using limits = std::numeric_limits<number>;
-  constexpr uint32_t number_tag = limits::is_signed ? TORVASIN_INT32 : TORVASIN_UINT32;
-  double x = 0;
-  bool known = true;
-  if (binding->value.type == TORVASIN_FLOAT) {
-    x = static_cast<double>(binding->value.payload.float32);
-  } else if (binding->value.type != number_tag) {
-    SNMP_LOG(FAILURE, "programming error %d", __LINE__);
-    known = false;
-  } else if (limits::is_signed) {
-    x = binding->value.payload.int32;
-  } else {
-    x = binding->value.payload.uint32;
-  }
-  if (binding->formula != nullptr) {
-    if (known) binding->module->formula_value = x;
-    x = te_eval(binding->formula);
-  }
-  if (isnan(x)) return 0;
-  return static_cast<number>(
-      std::clamp(x, static_cast<double>(limits::min()), static_cast<double>(limits::max())));
-}
-
 }  // namespace
 
 int32_t get_or_create_item(snmp_module* module, const char* name) {
-  // The keys of a section follow one another, so it is nearly always the last item.
+  // The keys of a section follow one another, so the wanted item is nearly always the last one.
   for (uint32_t i = module->item_count; module->bindings != nullptr && i > 0; i--) {
     if (strcmp(module->bindings[i - 1].name, name) == 0) return static_cast<int32_t>(i - 1);
   }
@@ -153,6 +142,42 @@ void release_items(snmp_module* module) {
   module->item_count = 0;
 }
 
+// ---- Value writers -----------------------------------------------------------------------------
+//
+// Works out the current value of an item, applies its formula, and writes the result into a
+// response.
+
+namespace {
+
+// Works out the number that an item serves, limited to the range of its type. A double holds every
+// value of the three numeric tags exactly.
+template <typename number>
+number item_number(const snmp_meter_binding* binding) {
+  using limits = std::numeric_limits<number>;
+  constexpr uint32_t number_tag = limits::is_signed ? TORVASIN_INT32 : TORVASIN_UINT32;
+  double x = 0;
+  bool known = true;
+  if (binding->value.type == TORVASIN_FLOAT) {
+    x = static_cast<double>(binding->value.payload.float32);
+  } else if (binding->value.type != number_tag) {
+    SNMP_LOG(FAILURE, "programming error %d", __LINE__);
+    known = false;
+  } else if (limits::is_signed) {
+    x = binding->value.payload.int32;
+  } else {
+    x = binding->value.payload.uint32;
+  }
+  if (binding->formula != nullptr) {
+    if (known) binding->module->formula_value = x;
+    x = te_eval(binding->formula);
+  }
+  if (isnan(x)) return 0;
+  return static_cast<number>(
+      std::clamp(x, static_cast<double>(limits::min()), static_cast<double>(limits::max())));
+}
+
+}  // namespace
+
 int32_t encode_item_int(ber_tlv* destination, size_t capacity, size_t* size_out, void* context) {
   const auto x = item_number<int32_t>(static_cast<snmp_meter_binding*>(context));
   return write_value(destination, capacity, size_out, get_intlen(x),
@@ -174,17 +199,19 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
     SNMP_LOG(FAILURE, "programming error %d", __LINE__);
   }
   const size_t length = strlen(text);
-  if (length > BER_MAX_LENGTH) capacity = 0;  // has no encoding: no room is enough
+  if (length > BER_MAX_LENGTH) capacity = 0;  // such a text has no encoding, so no room is enough
   return write_value(destination, capacity, size_out, get_strlen(length),
                      [text, length](ber_tlv* at) { encode_str(at, text, length); });
 }
 
 // ---- Meter refresh -----------------------------------------------------------------------------
+//
+// Copies current meter values from the host's lists into the items.
 
 namespace {
 
-// Takes over a meter's value raw; conversion and formula wait until the item is served. Every type
-// takes the tag of its own number, and the numeric ones a float as well.
+// Stores a meter's value in the item as it is. It is converted, and the formula applied, when the
+// item is served. An item takes the tag that equals its type; a numeric item also takes a float.
 void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) {
   const bool numeric = binding->type == ITEM_UINT || binding->type == ITEM_INT;
   if (!numeric && binding->type != ITEM_STRING) {
@@ -237,10 +264,14 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user) {
 }
 
 // ---- Configuration -----------------------------------------------------------------------------
+//
+// Reads the configuration file and applies each of its key lines to the module or to an item.
 
 namespace {
 
-// One key line of a file; the texts are inih's, for the time of the call.
+using std::string_view;
+
+// One key line of a file. The texts belong to inih and are valid during the call.
 struct key_line {
   torvasin_plugin_context* context;
   const char* section;
@@ -248,7 +279,8 @@ struct key_line {
   const char* value;
 };
 
-// Logs about a key line: its four texts, then whatever the literal `what` says of it.
+// Logs a message about a key line. It begins with the line's texts and ends with the literal
+// `what`.
 #define KEY_LOG(level, line, what, ...)                                             \
   SNMP_LOG(level, "%s(%s, %s, %s, %s" what, "ini_handler_cb", (line).context->name, \
            (line).section, (line).key, (line).value __VA_OPT__(, ) __VA_ARGS__)
@@ -258,7 +290,7 @@ constexpr string_view int_prefix = "int:";
 constexpr string_view uint_prefix = "uint:";
 constexpr string_view string_prefix = "string:";
 
-// What the text goes on with after a prefix, or null when it does not begin with it.
+// Returns the rest of a text behind a prefix, or null when the text does not begin with the prefix.
 const char* after(const char* text, string_view prefix) {
   return strncmp(text, prefix.data(), prefix.size()) == 0 ? text + prefix.size() : nullptr;
 }
@@ -296,7 +328,7 @@ void set_type(snmp_meter_binding* binding, snmp_item* item, uint32_t type,
   item->writer = writer;
 }
 
-// A type with a default: the value is set already, and its tag names the type.
+// Sets the type of an item whose default value has just been set. The value's tag tells the type.
 void apply_typed_default(const key_line& line, snmp_meter_binding* binding, snmp_item* item) {
   switch (binding->value.type) {
     case TORVASIN_UINT32:
@@ -386,7 +418,7 @@ int32_t read_config_file(torvasin_plugin_context* context, const char* path) {
   return 0;
 }
 
-// Reads one sub-identifier and the dot behind it, if there is one; moves *text past them.
+// Reads one sub-identifier and the dot behind it, if there is one. Moves *text past them.
 bool read_subid(const char** text, uint32_t* subid) {
   char* end;
   const unsigned long number = strtoul(*text, &end, 10);
@@ -402,7 +434,7 @@ bool read_subids(const char* text, snmp_oid* oid) {
     if (oid->count == OID_TEXT_SUBIDS || !read_subid(&text, &oid->subid[oid->count])) return false;
     oid->count++;
   } while (*text != '\0');
-  // The two share the first content octet of the encoding.
+  // The encoding puts the first two sub-identifiers into one octet.
   return uint64_t{oid->subid[0]} * 40 + oid->subid[1] <= 0x7F;
 }
 
@@ -459,8 +491,8 @@ int ini_handler_cb(void* user, const char* section, const char* key, const char*
 
 int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
   snmp_module* module = module_of(context);
-  // A file that includes itself would go on until the process has no descriptor left, and one that
-  // does so twice would take for ever even within a depth.
+  // Without the first limit, a file that includes itself would be opened until the process has no
+  // descriptor left. Without the second, one that includes itself twice would be read 65,535 times.
   if (module->open_files == MAX_OPEN_FILES || module->files_read == MAX_FILES) {
     SNMP_LOG(ERROR, "%s not read: more than %u files inside one another or %u in all", path,
              MAX_OPEN_FILES, MAX_FILES);
@@ -474,19 +506,14 @@ int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
 }
 
 // ---- Poller ------------------------------------------------------------------------------------
+//
+// The thread that receives datagrams and answers them: its CPU mask and niceness, its loop, and the
+// sending of a response.
 
 namespace {
 
 constexpr char poller[] = "module_thread_loop";
 constexpr int mask_cpus = 32;  // CPUs that an affinity mask can name
-
-bool running(snmp_module* module) {
-  return std::atomic_ref<int32_t>(module->run).load() == 1;
-}
-
-void set_running(snmp_module* module, int32_t run) {
-  std::atomic_ref<int32_t>(module->run).store(run);
-}
 
 void apply_affinity(int32_t affinity) {
   SNMP_LOG(TRACE, "%s: try to set affinity to %08x", poller, static_cast<unsigned>(affinity));
@@ -510,7 +537,7 @@ void apply_affinity(int32_t affinity) {
     }
     SNMP_LOG(WARNING, "%s: affinity to %08x", poller, mask);
   }
-  usleep(1);  // gives way, so that the thread goes on where it may run now
+  usleep(1);  // lets the scheduler move the thread to a CPU of the mask
 }
 
 void apply_niceness(int32_t renice) {
@@ -522,7 +549,7 @@ unsigned port_of(const sockaddr_in* peer) {
   return ntohs(peer->sin_port);
 }
 
-// Answers one datagram, from and into the same packet buffer.
+// Answers one datagram. The response is written over the request, in the same buffer.
 void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
                      uint8_t (&packet)[SNMP_MAX_DATAGRAM], size_t received) {
   char address[IP_TEXT_SIZE];
@@ -540,7 +567,7 @@ void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
 
 }  // namespace
 
-// Twice a datagram, where inet_ntop would take longer than all the work on a small request.
+// This runs twice for each datagram, and inet_ntop is much slower.
 const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]) {
   const auto* octets = reinterpret_cast<const uint8_t*>(&address);
   const auto digit = [](unsigned number) { return static_cast<char>('0' + number % 10); };
@@ -597,6 +624,8 @@ void* module_thread_loop(void* argument) {
 }
 
 // ---- Entries -----------------------------------------------------------------------------------
+//
+// What the host calls to start and to stop an instance, and the descriptor in which it finds them.
 
 namespace {
 
@@ -616,14 +645,15 @@ int32_t create_lock(snmp_module* module) {
   if (pthread_mutexattr_setprotocol(&attribute, PTHREAD_PRIO_INHERIT) != 0) {
     SNMP_LOG(FAILURE, "error set lock attribute protocol");
   }
-  // Where the kernel has no priority inheritance this leaves the zeroed mutex, a plain usable one.
+  // On a kernel without priority inheritance this fails. The mutex then stays zeroed, which makes
+  // it a plain one that works.
   pthread_mutex_init(&module->lock, &attribute);
   module->lock_created = 1;
   pthread_mutexattr_destroy(&attribute);
   return 0;
 }
 
-// Takes the settings from the host's list; returns the path of the configuration file.
+// Takes the settings from the host's list. Returns the path of the configuration file.
 const char* read_host_keys(snmp_module* module, const torvasin_key_value_list* list) {
   const char* path = default_config_file;
   module->affinity = -1;
@@ -665,7 +695,7 @@ int32_t bind_socket(snmp_module* module) {
   return 0;
 }
 
-// The callbacks may run from here on.
+// The host may call a callback as soon as it is registered.
 int32_t register_callbacks(torvasin_plugin_context* context, snmp_module* module) {
   module->slow_cb = torvasin_engine_addCallbackMeterManager(context->engine, TORVASIN_SLOW,
                                                             meter_callback_slow, context);
@@ -684,7 +714,7 @@ int32_t register_callbacks(torvasin_plugin_context* context, snmp_module* module
   return 0;
 }
 
-// Everything of a start that comes after the record and its socket.
+// The part of a start that needs the module's record and its socket.
 int32_t start_module(torvasin_plugin_context* context, snmp_module* module,
                      const torvasin_key_value_list* list) {
   if (create_lock(module) != 0) return -1;
@@ -722,7 +752,7 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
     torvasin_free(module);
     return -1;
   }
-  fcntl(module->fd, F_SETFD, FD_CLOEXEC);  // a child of the host must not keep the port
+  fcntl(module->fd, F_SETFD, FD_CLOEXEC);  // a child process of the host must not keep the port
   context->private_data = module;
   module->formula_vars = {"value", &module->formula_value, TE_VARIABLE, nullptr};
   if (start_module(context, module, list) == 0) return 0;

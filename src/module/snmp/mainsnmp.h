@@ -1,17 +1,20 @@
 // The module itself: what the host loads, and everything between the host and the SNMP agent
 // proper.
 //
-// Threads and lock. The host's threads run the four entries, one at a time, and the meter
+// Threads and lock. The host's threads run the four entries, one at a time. They also run the meter
 // callbacks, at any moment between their registration and their removal. One poller thread answers
-// datagrams. `lock` is the only lock: the poller holds it while it handles a datagram, the send
-// included, a meter callback for a whole refresh. The item tables change shape only inside
-// startCycle and stopCycle, when neither runs. Instances in one process share nothing: each has its
-// context, its state and its poller, and each poller its own request and response record.
+// datagrams. `lock` is the only lock. The poller holds it while it handles a datagram, the send
+// included. A meter callback holds it for a whole refresh. The item tables change shape only inside
+// startCycle and stopCycle, when neither the poller nor a callback runs. Instances in one process
+// share nothing: each has its own context, state and poller, and each poller its own request and
+// response record.
 //
-// Ownership. The host owns the context, its lists and the allocator; the module owns snmp_module,
+// Ownership. The host owns the context, its lists and the allocator. The module owns snmp_module,
 // which owns the two tables, the formulas and the socket. Nothing is allocated while datagrams are
-// answered. Unless a function says otherwise it returns 0 for success, -1 for failure, and has
-// logged its reason.
+// answered.
+//
+// Unless a function says otherwise, it returns 0 for success. It returns -1 for failure, after it
+// has logged the reason.
 
 #ifndef TORVASIN_SNMP_MAINSNMP_H
 #define TORVASIN_SNMP_MAINSNMP_H
@@ -23,14 +26,13 @@
 #include "../torvasin.h"
 #include "snmp/snmp_item.h"
 
-constexpr size_t ITEM_NAME_SIZE = 64;  // with the terminating zero, as the two below
+constexpr size_t ITEM_NAME_SIZE = 64;  // with the terminating zero, like the two below
 constexpr size_t METER_NAME_SIZE = 128;
 constexpr size_t IP_TEXT_SIZE = 16;     // "255.255.255.255"
 constexpr size_t OID_TEXT_SUBIDS = 19;  // of a configured OID; one less than snmp_oid holds
 
-// Configuration files: open at a time, one including another, and read in one start.
-constexpr uint32_t MAX_OPEN_FILES = 16;
-constexpr uint32_t MAX_FILES = 256;
+constexpr uint32_t MAX_OPEN_FILES = 16;  // configuration files open at a time, through "include"
+constexpr uint32_t MAX_FILES = 256;      // configuration files read in one start
 
 // What an item serves. The numbers are those of the value tags that carry it.
 enum snmp_item_type : uint32_t {
@@ -50,7 +52,7 @@ struct snmp_meter_binding {
   te_expr* formula;             // owned, or null; never on a string item once linked
   torvasin_value value;         // current, raw: tag 0 or 2 (uint), 1 or 2 (int), 3 (string)
   snmp_module* module;          // the owner, for its formula variable
-  uint32_t refreshed;           // 1 once a refresh pass is done with it; read by nothing else
+  uint32_t refreshed;           // 1 once a refresh is done with it; only the refresh reads it
 };
 
 // The module's whole state, hung on the context's private_data.
@@ -72,8 +74,8 @@ struct snmp_module {
   te_variable formula_vars;  // binds the name "value" to formula_value
   uint32_t lock_created;     // 1 while lock is to be destroyed
   uint32_t thread_created;   // 1 while thread is to be joined
-  uint32_t open_files;       // configuration files that are being read, one inside another
-  uint32_t files_read;       // in this start
+  uint32_t open_files;       // configuration files that are open now
+  uint32_t files_read;       // configuration files read in this start
 };
 
 // The send context of the poller: the requester of the datagram at hand.
@@ -84,31 +86,34 @@ struct snmp_send_ctx {
 
 // ---- Item store, used by the thread that runs startCycle or stopCycle --------------------------
 
-// The index of the item of this name, created when there is none: a uint item of value 0 that
-// answers NULL. Negative, and nothing changed, for a name above 63 characters or without memory.
-// May move both tables.
+// Returns the index of the item of this name. If there is none, creates it as a uint item of value
+// 0 that answers NULL. Returns a negative number and creates nothing when the name has more than 63
+// characters or there is no memory. A call may move both tables.
 int32_t get_or_create_item(snmp_module* module, const char* name);
 
-// Joins the two halves of every item once the configuration is read, and checks them: warns of
-// items without a meter, drops formulas of string items, fails at the first item without an OID.
+// Gives each snmp_item its binding as context once the configuration is read, and checks the items:
+// warns of one without a meter, drops the formula of a string item, and fails at the first item
+// without an OID.
 int32_t link_snmp_items(snmp_module* module);
 
 // Frees formulas and tables. Text values are the host's to release.
 void release_items(snmp_module* module);
 
-// The snmp_value_writers of the item types; the context is the item's snmp_meter_binding. They run
-// under the lock and apply the item's formula to its raw value at each call. Results beyond the
-// type's range give its nearest end, NaN gives 0, fractions are cut off. The string writer refuses
-// a text above BER_MAX_LENGTH when it is to write it.
+// ---- Value writers, under the lock -------------------------------------------------------------
+
+// The snmp_value_writers of the item types. The context is the item's snmp_meter_binding. Each call
+// applies the item's formula to its raw value. A result outside the type's range becomes the
+// nearest number in it, NaN becomes 0, and a fraction is cut off. The string writer fails when it
+// is to write a text above BER_MAX_LENGTH.
 int32_t encode_item_int(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
 int32_t encode_item_uint(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
 int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
 
 // ---- Meter refresh, on the host's meter threads ------------------------------------------------
 
-// Takes over the current value of every item of a speed from a list. An item whose meter is
-// missing, or of a tag that its type does not take, keeps its value. Returns 0, the result of
-// the unlock, or the error of a lock that could not be taken; then nothing is touched.
+// Copies the current value of every item of a speed from a list. An item keeps its value when its
+// meter is missing or has a tag that the item's type does not take. Returns the result of the
+// unlock, normally 0. If the lock cannot be taken, touches nothing and returns the error.
 int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed);
 
 // What startCycle registers for the two speeds; user is the context.
@@ -117,31 +122,32 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user);
 
 // ---- Configuration, on the thread that runs startCycle -----------------------------------------
 
-// Reads a file and those that it includes into the module. A faulty line is reported and left out;
-// the rest holds. -1 when the file cannot be read or a line is no ini line, or when it would
-// be open inside MAX_OPEN_FILES others or come after MAX_FILES.
+// Reads a file, and the files that it includes, into the module. A faulty line is reported and left
+// out; all other lines hold. Returns -1 when the file cannot be read, when one of its lines is no
+// ini line, or when MAX_OPEN_FILES files are open or MAX_FILES have been read already.
 int32_t parse_config_file(torvasin_plugin_context* context, const char* path);
 
-// inih's callback for one key line; user is the context. Always 1, so that the reading goes on.
+// inih's callback for one key line. user is the context. Always returns 1, so that inih goes on.
 int ini_handler_cb(void* user, const char* section, const char* key, const char* value);
 
-// Reads "int:N", "uint:N" or "string:TEXT" into a value; else -1 and the value untouched, without a
-// message unless only the number is at fault.
+// Reads "int:N", "uint:N" or "string:TEXT" into a value. Returns -1 and leaves the value untouched
+// for any other text. Only a missing number is logged.
 int32_t parse_default_value(torvasin_value* value, const char* text);
 
 // Reads a dotted OID of 1 to 19 sub-identifiers, the first two of which must fit one octet on the
-// wire (first * 40 + second up to 127); else -1 and an empty OID, without a message.
+// wire (first * 40 + second up to 127). For any other text returns -1 and an empty OID, without a
+// message.
 int32_t parse_oid(const char* text, snmp_oid* oid);
 
 // ---- Poller ------------------------------------------------------------------------------------
 
-// The poller thread; its argument is the context, its result null.
+// The poller thread. Its argument is the context, its result is null.
 void* module_thread_loop(void* context);
 
 // Writes an IPv4 address as dotted text, as inet_ntop does, and returns the text.
 const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]);
 
-// The poller's send callback; the context is an snmp_send_ctx. Sends once; always 0.
+// The poller's send callback. The context is an snmp_send_ctx. Sends once and always returns 0.
 int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length);
 
 // ---- Entries, called by the host through the descriptor ----------------------------------------
