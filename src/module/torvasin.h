@@ -1,8 +1,8 @@
 // The host engine's interface, as a plug-in module sees it.
 //
 // The host owns the plug-in context, its key/value lists and the allocator. It exports every
-// torvasin_* function below from its own process; a module leaves them undefined and the dynamic
-// linker resolves them when the host loads it. Usable from C11 and from C++.
+// torvasin_* function below from its own process. A module leaves them undefined, and the dynamic
+// linker resolves them when the host loads it. The header works in C11 and in C++.
 
 #ifndef TORVASIN_H
 #define TORVASIN_H
@@ -36,8 +36,8 @@ enum torvasin_speed {
   TORVASIN_FAST = 1,
 };
 
-// One value: a tag and its payload. Written only through the torvasin_valueInit functions, so that
-// the host can release a text when a later value replaces it.
+// One value: a tag and its payload. A module writes it only through the torvasin_valueInit
+// functions, so that the host can release a text when a later value replaces it.
 typedef struct torvasin_value {
   uint32_t type;  // enum torvasin_value_type; the host may add tags
   union {
@@ -48,7 +48,7 @@ typedef struct torvasin_value {
   } payload;
 } torvasin_value;
 
-// The host's per-instance record, the same pointer at every entry and in every meter callback. A
+// The host's record of one instance. Every entry and every meter callback gets the same pointer. A
 // module reads name and engine, owns private_data and touches nothing else.
 typedef struct torvasin_plugin_context {
   char name[40];  // NUL-terminated instance name
@@ -57,11 +57,11 @@ typedef struct torvasin_plugin_context {
   void* private_data;
 } torvasin_plugin_context;
 
-// Keys with their values: a module's configuration, or the current values of a set of meters. Valid
-// only during the call that hands it over.
+// Keys with their values: a module's configuration, or the current values of a set of meters. A
+// list is valid only during the call that hands it over.
 typedef struct torvasin_key_value_list torvasin_key_value_list;
 
-// Called from the host's threads with current meter values; user is what was registered.
+// Called from the host's threads with current meter values. user is what was registered.
 typedef int (*torvasin_meter_callback)(const torvasin_key_value_list* list, void* user);
 
 // A module's descriptor: eight pointer-sized slots, exported as the symbol plugin_entry_0_6.
@@ -84,13 +84,14 @@ typedef struct torvasin_plugin_entry {
 void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
-// The allocator. Memory is not cleared; null when there is none. Freeing null does nothing.
+// The allocator. Memory is not cleared. The result is null when there is none. Freeing null does
+// nothing.
 void* torvasin_malloc(size_t size);
 void* torvasin_realloc(void* memory, size_t size);
 void torvasin_free(void* memory);
 
-// Look a key up: 0 and the out-parameter set when it is present, else non-zero. Texts and value
-// records stay the list's.
+// Look a key up. When it is present they set the out-parameter and return 0, otherwise they return
+// another number. Texts and value records stay the list's.
 int torvasin_keyValueListGetS(const torvasin_key_value_list* list, const char* key,
                               const char** text);
 int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* key,

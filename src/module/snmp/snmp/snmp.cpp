@@ -12,7 +12,7 @@ constexpr char log_source[] = "src/module/snmp/snmp/snmp";
 
 constexpr char accepted_community[] = "public";
 
-// What every datagram of a thread reuses; each record is cleared whole before it is filled.
+// The records that every datagram of a thread reuses. Each is cleared whole before it is filled.
 struct thread_records {
   snmp_request request;
   snmp_response response;

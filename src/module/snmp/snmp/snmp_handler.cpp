@@ -8,7 +8,7 @@ namespace {
 
 constexpr char log_source[] = "src/module/snmp/snmp/snmp_handler";
 
-// What tells the handlers apart: how an OID is looked up, and what stands for one without an
+// What differs between the handlers: the lookup of an OID, and the exception for an OID without an
 // answer.
 struct request_kind {
   const char* handler;
@@ -91,8 +91,8 @@ int32_t minimal_snmp_handle_getbulk(const snmp_item* items, uint32_t item_count,
   if (last == answer::full) return -1;
   if (last == answer::no_such_name) return 0;
 
-  // Every repetition but the last adds an item, so the response's capacity bounds them, however
-  // large max_repetitions is.
+  // Every repetition but the last adds an item. So the response's capacity limits their number,
+  // even when max_repetitions is large.
   bool advanced = first_repeater < request->oid_count;
   for (uint32_t r = 0; r < request->max_repetitions && advanced; r++) {
     advanced = false;

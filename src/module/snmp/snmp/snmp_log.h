@@ -1,9 +1,8 @@
 // Logging from the module's source files.
 //
-// Each .cpp file that logs defines the constant `log_source`, its path without the extension, and
-// logs with SNMP_LOG(level, format, ...): the level is a TORVASIN_LOG_ name without that prefix,
-// and the compiler checks the format, a literal, against its arguments. Source path and line
-// together name one statement.
+// Each .cpp file that logs defines the constant `log_source`, its path without the extension. It
+// logs with SNMP_LOG(level, format, ...). The level is a TORVASIN_LOG_ name without that prefix.
+// The format is a literal, which the compiler checks against its arguments.
 
 #ifndef TORVASIN_SNMP_SNMP_LOG_H
 #define TORVASIN_SNMP_SNMP_LOG_H

@@ -16,8 +16,9 @@
 //   }
 //
 // Everything here works on the caller's memory, allocates nothing, takes no lock and is re-entrant.
-// Results are 0 for success and -1 for failure unless a function says otherwise; a failing function
-// has logged why, but for value writers and a message above BER_MAX_LENGTH.
+// Results are 0 for success and -1 for failure unless a function says otherwise. A failing function
+// has logged why. The exceptions are value writers, and the response encoder when a content is
+// above BER_MAX_LENGTH.
 
 #ifndef TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
 #define TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
@@ -76,11 +77,12 @@ enum ber_tag : uint8_t {
 // content.
 using ber_tlv = uint8_t;
 
-// Produces one value's octets. With a size_out, stores the size there. With a null destination that
-// is all; else writes the value at the destination, or returns -1 and writes nothing when capacity,
-// in octets, is below the size. The response encoder calls it twice for each varbind: once for the
-// size, once to write into exactly that much room. A writer owns nothing and works its value out
-// anew at each call; the caller holds whatever keeps the context's value from changing in between.
+// Produces one value's octets. Stores their number in *size_out unless size_out is null. With a
+// null destination that is all. Otherwise writes the value at the destination, or returns -1 and
+// writes nothing when capacity, in octets, is below the size. The response encoder calls it twice
+// for each varbind: once for the size, once to write into exactly that much room. A writer owns
+// nothing and works its value out anew at each call. The caller keeps the value from changing
+// between the two.
 using snmp_value_writer = int32_t (*)(ber_tlv* destination, size_t capacity, size_t* size_out,
                                       void* context);
 
@@ -117,39 +119,40 @@ struct snmp_response {
   uint64_t varbind_count;  // 0 to 20
 };
 
-// The name of a PDU tag for the log, "?" for one that is none; constant text.
+// The name of a PDU tag for the log, a constant text. "?" for a tag that has no name.
 const char* get_pdu_name(uint32_t pdu_type);
 
 // ---- Request decoder ---------------------------------------------------------------------------
 
 // Clears the request and fills it from one datagram, which the message must fill exactly. Logs the
-// first fault and returns -1 for anything but a well-formed Get, GetNext or GetBulk; the request is
-// then partly filled and not to be read. Copies all it needs: the datagram may be overwritten
-// after.
+// first fault and returns -1 for anything but a well-formed Get, GetNext or GetBulk. The request is
+// then partly filled and must not be read. It holds copies only, so the datagram may be overwritten
+// afterwards.
 int32_t decode_snmp_request(snmp_request* request, const uint8_t* datagram, size_t size);
 
 // The steps of the decoder. Each reads at *cursor, an index into the datagram, and moves it just
-// past what it consumed; no octet at or past size is ever read, whatever cursor and length say.
-// After a failure the cursor's place is of no use.
+// past what it consumed. No octet at or past size is ever read, whatever cursor and length are.
+// After a failure the cursor has no meaning.
 
-// One of the tags accepted in a request (not IpAddress, Opaque, Counter64, the SNMPv1 trap or
-// Report) and a definite length of at most two octets (0x80 counts as 0). The length is not
-// compared with what remains.
+// Reads a tag and a length. The tag must be one of those accepted in a request (not IpAddress,
+// Opaque, Counter64, the SNMPv1 trap or Report). The length has at most two octets after the first,
+// and 0x80 counts as 0. It is not compared with what remains.
 int32_t decode_len(const uint8_t* datagram, size_t size, size_t* cursor, uint32_t* tag,
                    size_t* length);
 
-// The content of an INTEGER, two's complement; of more than four octets the last four count.
+// Reads the content of an INTEGER, two's complement. Of more than four octets the last four count.
 int32_t decode_int(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    int32_t* value);
 int32_t decode_uint(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                     uint32_t* value);
 
-// The content of an OCTET STRING as text: up to its first zero octet, at most 63 octets, then a
-// terminating zero. An empty text leaves the destination as it is. The cursor passes all of it.
+// Reads the content of an OCTET STRING as text: up to its first zero octet, at most 63 octets. Adds
+// a terminating zero. An empty text leaves the destination as it is. The cursor moves past the
+// whole content.
 int32_t decode_str(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    char destination[SNMP_COMMUNITY_SIZE], size_t* count);
 
-// The content of an OBJECT IDENTIFIER; bits of a sub-identifier beyond 32 are lost.
+// Reads the content of an OBJECT IDENTIFIER. Bits of a sub-identifier beyond 32 are lost.
 int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    snmp_oid* oid);
 
@@ -158,8 +161,8 @@ int32_t decode_discart(size_t size, size_t* cursor, int32_t length);
 
 // ---- Value encoding ----------------------------------------------------------------------------
 //
-// A size function gives all octets of the encoding, tag and length included; the encoder of the
-// same name writes exactly that many at the destination, where the caller has made the room.
+// A size function gives the octets of the whole encoding, tag and length included. The encoder of
+// the same type writes exactly that many at the destination. The caller has made the room.
 
 size_t get_uintlen(uint32_t value);  // 3 to 7: values from 0x80000000 take five content octets
 size_t get_intlen(int32_t value);    // 3 to 6
@@ -172,7 +175,7 @@ void encode_timeticks(ber_tlv* destination, uint32_t value);
 // Writes nothing for a text above BER_MAX_LENGTH, which has no encoding.
 void encode_str(ber_tlv* destination, const char* text, size_t length);
 
-// The part that every snmp_value_writer shares: reports the size, checks the capacity, then calls
+// The common part of every snmp_value_writer. Reports the size, checks the capacity, then calls
 // encode(destination) to write.
 template <typename encoder>
 int32_t write_value(ber_tlv* destination, size_t capacity, size_t* size_out, size_t size,
@@ -195,7 +198,8 @@ int32_t encode_null(ber_tlv* destination, size_t capacity, size_t* size_out, voi
 // 06, length, first * 40 + second in one octet, then each further sub-identifier in base-128
 // groups, most significant first, all but the last with 0x80 added.
 
-// All octets of the encoding; SIZE_MAX, with a message, when its content exceeds BER_MAX_LENGTH.
+// The octets of the whole encoding. Logs a message and returns SIZE_MAX when its content exceeds
+// BER_MAX_LENGTH.
 size_t get_oidlen(const uint32_t* subid, size_t count);
 
 // Writes the octets that get_oidlen counts. Fails, after the tag octet, where get_oidlen fails.
@@ -204,11 +208,12 @@ int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t coun
 
 // ---- Response encoder --------------------------------------------------------------------------
 
-// Writes the response to a request into a buffer, from the end of the buffer towards its start, so
-// that every header is written when the length behind it is known: the message ends at the buffer's
-// last octet, *data points at its first, *length is its length. With an error_status, the
-// response's varbinds are first replaced by the request's OIDs with NULL values. On failure (no
-// room, a value writer that fails) *data is null and *length 0. Reads nothing from the buffer.
+// Writes the response to a request into a buffer. It writes from the end of the buffer towards its
+// start, so that the length behind a header is known when the header is written. The message ends
+// at the buffer's last octet. *data points at its first octet, and *length is its length. With an
+// error_status, the request's OIDs with NULL values first replace the response's varbinds. On
+// failure (no room, or a value writer that fails) *data is null and *length 0. Reads nothing from
+// the buffer.
 int32_t encode_snmp_response(const snmp_request* request, snmp_response* response, uint8_t* buffer,
                              size_t size, uint8_t** data, size_t* length);
 
