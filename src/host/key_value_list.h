@@ -21,37 +21,41 @@
 
 struct torvasin_key_value_list {
  public:
-  struct entry {
-    torvasin_value value;
-    std::string text;  // what value.payload.text of a text value points to
-  };
-  using entries = std::map<std::string, entry, std::less<>>;
-
   torvasin_key_value_list() = default;
   torvasin_key_value_list(const torvasin_key_value_list&) = delete;  // values point into entries
   torvasin_key_value_list& operator=(const torvasin_key_value_list&) = delete;
 
   // Sets a key, replacing the value it had. Key and text are copied.
-  void set(std::string_view key, std::uint32_t number);
-  void set(std::string_view key, std::int32_t number);
-  void set(std::string_view key, float number);
-  void set(std::string_view key, std::string_view text);
-  // A literal is a text, not a bool or a number.
-  void set(std::string_view key, const char* text) { set(key, std::string_view(text)); }
+  void set(const std::string& key, std::uint32_t number) {
+    entries_[key].value = {TORVASIN_UINT32, {.uint32 = number}};
+  }
+  void set(const std::string& key, std::int32_t number) {
+    entries_[key].value = {TORVASIN_INT32, {.int32 = number}};
+  }
+  void set(const std::string& key, float number) {
+    entries_[key].value = {TORVASIN_FLOAT, {.float32 = number}};
+  }
+  void set(const std::string& key, std::string text) {
+    entry& changed = entries_[key];
+    changed.text = std::move(text);
+    changed.value = {TORVASIN_TEXT, {.text = changed.text.c_str()}};
+  }
 
   void clear() { entries_.clear(); }
 
   // The value of a key, or null. Valid until the key is set again or the list is cleared.
-  const torvasin_value* find(std::string_view key) const;
-
-  // In the order of the keys, each a pair of key and entry.
-  entries::const_iterator begin() const { return entries_.begin(); }
-  entries::const_iterator end() const { return entries_.end(); }
+  const torvasin_value* find(std::string_view key) const {
+    const auto at = entries_.find(key);
+    return at != entries_.end() ? &at->second.value : nullptr;
+  }
 
  private:
-  entry& entry_of(std::string_view key, torvasin_value_type type);
+  struct entry {
+    torvasin_value value;
+    std::string text;  // what value.payload.text of a text value points to
+  };
 
-  entries entries_;
+  std::map<std::string, entry, std::less<>> entries_;
 };
 
 #endif  // TORVASIN_HOST_KEY_VALUE_LIST_H

@@ -15,10 +15,7 @@
 namespace torvasin_host {
 namespace {
 
-struct text_deleter {
-  void operator()(char* text) const { std::free(text); }
-};
-using owned_text = std::unique_ptr<char, text_deleter>;
+using owned_text = std::unique_ptr<char, decltype([](char* text) { std::free(text); })>;
 
 constexpr int fresh_pattern = 0xA5;
 
@@ -68,14 +65,13 @@ void release(void* block) {
   --live_blocks;
 }
 
-// Makes `text`, or nothing when it is null, what the record owns; frees what it owned before.
-void set_owned_text(const torvasin_value* record, owned_text text) {
+// Sets a record, and makes `text`, or nothing when it is null, what it owns; frees what it owned
+// before.
+void set_value(torvasin_value* record, const torvasin_value& value, owned_text text = nullptr) {
   const std::scoped_lock lock(texts_mutex);
-  if (text == nullptr) {
-    texts.erase(address_of(record));
-  } else {
-    texts.insert_or_assign(address_of(record), std::move(text));
-  }
+  texts.erase(address_of(record));
+  if (text != nullptr) texts.emplace(address_of(record), std::move(text));
+  *record = value;
 }
 
 bool owns_text(const torvasin_value* record, const char* text) {
@@ -84,9 +80,8 @@ bool owns_text(const torvasin_value* record, const char* text) {
   return at != texts.end() && at->second.get() == text;
 }
 
-void write_text(torvasin_value* record, const char* text) {
-  record->type = TORVASIN_TEXT;
-  record->payload.text = text != nullptr ? text : "";
+torvasin_value text_value(const char* text) {
+  return {TORVASIN_TEXT, {.text = text != nullptr ? text : ""}};
 }
 
 }  // namespace
@@ -126,35 +121,29 @@ void torvasin_free(void* memory) {
 }
 
 void torvasin_valueInitUInt32(torvasin_value* value, std::uint32_t number) {
-  set_owned_text(value, nullptr);
-  value->type = TORVASIN_UINT32;
-  value->payload.uint32 = number;
+  set_value(value, {TORVASIN_UINT32, {.uint32 = number}});
 }
 
 void torvasin_valueInitInt32(torvasin_value* value, std::int32_t number) {
-  set_owned_text(value, nullptr);
-  value->type = TORVASIN_INT32;
-  value->payload.int32 = number;
+  set_value(value, {TORVASIN_INT32, {.int32 = number}});
 }
 
 void torvasin_valueInitFloat(torvasin_value* value, float number) {
-  set_owned_text(value, nullptr);
-  value->type = TORVASIN_FLOAT;
-  value->payload.float32 = number;
+  set_value(value, {TORVASIN_FLOAT, {.float32 = number}});
 }
 
 void torvasin_valueInitS(torvasin_value* value, const char* text) {
   owned_text copy(text != nullptr ? strdup(text) : nullptr);
-  const char* kept = copy.get();
-  set_owned_text(value, std::move(copy));
-  write_text(value, kept);
+  const torvasin_value kept = text_value(copy.get());
+  set_value(value, kept, std::move(copy));
 }
 
 void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
-  if (!owns_text(value, text)) {
-    const bool taken = owned != 0 && text != nullptr;
-    if (taken) --live_blocks;
-    set_owned_text(value, owned_text(taken ? text : nullptr));
+  if (owns_text(value, text)) {
+    *value = text_value(text);
+    return;
   }
-  write_text(value, text);
+  const bool taken = owned != 0 && text != nullptr;
+  if (taken) --live_blocks;
+  set_value(value, text_value(text), owned_text(taken ? text : nullptr));
 }
