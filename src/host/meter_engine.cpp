@@ -13,19 +13,16 @@ void* meter_engine::add_callback(int speed, torvasin_meter_callback callback, vo
   return reinterpret_cast<void*>(last_id_);  // NOLINT(performance-no-int-to-ptr): never followed
 }
 
-bool meter_engine::is_idle(std::uintptr_t id) const {
-  const auto at = registrations_.find(id);
-  return at == registrations_.end() || at->second.calls == 0;
-}
-
 void meter_engine::remove_callback(void* handle) {
   const auto id = reinterpret_cast<std::uintptr_t>(handle);
   std::unique_lock lock(mutex_);
-  const auto at = registrations_.find(id);
-  if (at == registrations_.end()) return;
-  at->second.leaving = true;
   // Another removal of the same handle may erase the record meanwhile: it is looked up anew.
-  idle_.wait(lock, [&] { return is_idle(id); });
+  idle_.wait(lock, [&] {
+    const auto at = registrations_.find(id);
+    if (at == registrations_.end()) return true;
+    at->second.leaving = true;
+    return at->second.calls == 0;
+  });
   registrations_.erase(id);
 }
 
@@ -50,40 +47,31 @@ std::size_t meter_engine::registrations() const {
 
 void meter_engine::start(unsigned fast_ms, unsigned slow_ms, const meter_source& source) {
   stop();
-  stopping_ = false;
   const auto start_one = [&](int speed, unsigned period_ms) {
-    threads_.emplace_back(&meter_engine::run, this, speed, std::chrono::milliseconds(period_ms),
-                          source);
+    const std::chrono::milliseconds period(period_ms);
+    threads_.emplace_back(
+        [=, this](const std::stop_token& stop) { run(stop, speed, period, source); });
   };
   start_one(TORVASIN_FAST, fast_ms);
   start_one(TORVASIN_SLOW, slow_ms);
 }
 
-void meter_engine::stop() {
-  {
-    const std::scoped_lock lock(mutex_);
-    stopping_ = true;
-  }
-  wake_.notify_all();
-  for (std::thread& thread : threads_) thread.join();
-  threads_.clear();
-}
-
-void meter_engine::run(int speed, std::chrono::milliseconds period, const meter_source& source) {
+void meter_engine::run(const std::stop_token& stop, int speed, std::chrono::milliseconds period,
+                       const meter_source& source) {
   using clock = std::chrono::steady_clock;
   pthread_setname_np(pthread_self(), speed == TORVASIN_FAST ? "meters-fast" : "meters-slow");
 
   torvasin_key_value_list list;
+  std::mutex mutex;
+  std::condition_variable_any stopped;
   auto next = clock::now();
-  std::unique_lock lock(mutex_);
-  while (!stopping_) {
-    lock.unlock();
+  while (!stop.stop_requested()) {
     list.clear();
     source(speed, list);
     publish(speed, list);
     next = std::max(next + period, clock::now());  // periods missed are not made up for
-    lock.lock();
-    wake_.wait_until(lock, next, [this] { return stopping_; });
+    std::unique_lock lock(mutex);
+    stopped.wait_until(lock, stop, next, [] { return false; });
   }
 }
 

@@ -30,7 +30,6 @@ class meter_engine {
   meter_engine() = default;
   meter_engine(const meter_engine&) = delete;
   meter_engine& operator=(const meter_engine&) = delete;
-  ~meter_engine() { stop(); }
 
   // Adds a callback to the set of a speed. Returns its handle, which no later registration gets
   // again, or null when the speed is unknown or the callback null. From any thread.
@@ -50,9 +49,8 @@ class meter_engine {
   // and then once per period, in milliseconds. Throws std::system_error when a thread cannot start.
   void start(unsigned fast_ms, unsigned slow_ms, const meter_source& source);
 
-  // Ends the threads without waiting for their periods. Does nothing when none is running. start
-  // and stop belong to one thread.
-  void stop();
+  // Ends the threads without waiting for their periods. start and stop belong to one thread.
+  void stop() { threads_.clear(); }
 
  private:
   struct registration {
@@ -63,17 +61,15 @@ class meter_engine {
     bool leaving = false;  // being removed: no new calls
   };
 
-  bool is_idle(std::uintptr_t id) const;
-  void run(int speed, std::chrono::milliseconds period, const meter_source& source);
+  void run(const std::stop_token& stop, int speed, std::chrono::milliseconds period,
+           const meter_source& source);
 
-  mutable std::mutex mutex_;  // guards registrations_ and stopping_
+  mutable std::mutex mutex_;  // guards registrations_
   std::condition_variable idle_;
   std::map<std::uintptr_t, registration> registrations_;  // by handle
   std::uintptr_t last_id_ = 0;
 
-  std::condition_variable wake_;
-  bool stopping_ = false;
-  std::vector<std::thread> threads_;
+  std::vector<std::jthread> threads_;  // the last member: they use the others
 };
 
 }  // namespace torvasin_host
