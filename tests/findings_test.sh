@@ -74,7 +74,7 @@ printf '%b' "[ITEM_a]\n${o}1\n$u:7\n[ITEM_b]\n${o}2\n$m\ntype = int:-5\n[ITEM_c]
 $u\ncomputeformula = value*2.5\n[ITEM_d]\n${o}4\n$s:x\n[ITEM_e\x1b]\n${o}5\n" >x.ini
 "$bin/torvasin_config" check x.ini >out || true
 expect 'serves now' "7 $((5 * $(getconf _NPROCESSORS_ONLN) / 2)) $(uname -r) NULL" \
-  "$(sed -nE 's/^([acd]|e\\x1B) .* //p' out | xargs)"
+  "$(sed -nE 's/^([acd]|e\\x1b) .* //p' out | xargs)"
 expect 'a float now' 1 "$(grep -cE '^b .* [0-9]+$' out)"
 
 # Bad input: a file, the status of check and that of the others, which say why in one line.

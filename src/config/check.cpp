@@ -9,7 +9,6 @@
 
 #include "config/config.h"
 #include "host/key_value_list.h"
-#include "host/report.h"
 
 namespace torvasin_config {
 namespace {

@@ -19,9 +19,12 @@
 #include <vector>
 
 #include "host/meters.h"
+#include "host/report.h"
 #include "module/snmp/mainsnmp.h"
 
 namespace torvasin_config {
+
+using torvasin_host::printable;
 
 // ---- The configuration -------------------------------------------------------------------------
 
@@ -104,8 +107,7 @@ void check_items(configuration& config);                      // when they have 
 
 // ---- Items and texts ---------------------------------------------------------------------------
 
-// The text with each octet that is no printable ASCII as \xNN, and the same between apostrophes.
-std::string printable(std::string_view text);
+// A text in printable form, between apostrophes.
 std::string in_quotes(std::string_view text);
 
 // What an item answers a request with: the value in the octets of its writer.

@@ -243,10 +243,10 @@ void link(configuration& config) {
 }
 
 void refresh(snmp_module* module) {
-  torvasin_host::meter_sampler sampler;
+  torvasin_host::meter_state state;
   for (const torvasin_speed speed : {TORVASIN_SLOW, TORVASIN_FAST}) {
     torvasin_key_value_list list;
-    sampler.sample(speed, list);
+    torvasin_host::sample_meters(speed, state, list);
     refresh_items(module, &list, speed);
   }
 }

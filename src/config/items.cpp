@@ -4,16 +4,6 @@
 
 namespace torvasin_config {
 
-std::string printable(std::string_view text) {
-  std::string result;
-  for (const char letter : text) {
-    const auto octet = static_cast<unsigned char>(letter);
-    result +=
-        letter >= ' ' && letter <= '~' ? std::string{letter} : fmt::format("\\x{:02X}", octet);
-  }
-  return result;
-}
-
 std::string in_quotes(std::string_view text) {
   return "'" + printable(text) + "'";
 }

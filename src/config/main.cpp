@@ -6,7 +6,6 @@
 #include <system_error>
 
 #include "config/config.h"
-#include "host/report.h"
 
 namespace torvasin_config {
 namespace {
@@ -31,12 +30,12 @@ torvasin_host::table_row row_of(const configuration& config, std::size_t i) {
   const std::string formula = binding.formula != nullptr ? config.items[i].formula : "";
   const char* type = item.writer == encode_null    ? ""
                      : binding.type == ITEM_STRING ? "string"
-                                                   : torvasin_host::type_name(binding.type);
+                                                   : torvasin_host::type_name(static_cast<torvasin_value_type>(binding.type));
   torvasin_host::table_row row = {binding.name,
                                   dotted(item.oid),
                                   type,
                                   binding.meter,
-                                  torvasin_host::speed_name(static_cast<int>(binding.fast)),
+                                  torvasin_host::speed_name(binding.fast),
                                   formula,
                                   serve(item).text};
   for (std::string& cell : row) cell = cell.empty() ? "-" : printable(cell);

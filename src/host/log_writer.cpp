@@ -8,6 +8,7 @@
 #include <future>
 #include <thread>
 
+#include "host/report.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
@@ -21,13 +22,6 @@ std::string head_of(const log_record& record) {
   const bool known = record.level > 0 && record.level < log_off;
   const auto* level = known ? log_level_names[static_cast<std::size_t>(record.level)] : "unknown";
   return fmt::format("{} {}:{}", level, record.source, record.line);
-}
-
-// The debug format escapes, and puts quotes around the text.
-std::string escaped(std::string_view text) {
-  if (text.ends_with('\n')) text.remove_suffix(1);
-  const std::string quoted = fmt::format("{:?}", text);
-  return quoted.substr(1, quoted.size() - 2);
 }
 
 }  // namespace
@@ -59,7 +53,8 @@ bool log_writer::finish() {
 }
 
 void log_writer::write(std::string_view level, std::string_view text) {
-  logger_->info("{} {}", level, escaped(text));
+  if (text.ends_with('\n')) text.remove_suffix(1);
+  logger_->info("{} {}", level, printable(text));
 }
 
 void log_writer::take(const log_record& record) {

@@ -6,7 +6,6 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
-#include <string>
 
 #include "host/log.h"
 #include "host/log_writer.h"
@@ -43,12 +42,14 @@ void report_leaks(std::size_t registrations) {
                "the module left %zu memory blocks and %zu meter callbacks", blocks, registrations);
 }
 
-exit_status host(const options& given) {
+exit_status run(const options& given) {
+  if (given.list_meters) {
+    list_meters();
+    return exit_good;
+  }
   meter_engine engine;
-  plugin module(given.name, engine);
-  const auto path = given.module ? std::filesystem::path(*given.module) : default_module();
-  std::string error;
-  if (!module.load(path, error)) return fail(error);
+  const auto path = given.module.empty() ? default_module() : std::filesystem::path(given.module);
+  plugin module(given.name, engine, path);
   if (given.version) {
     std::cout << "torvasin_host " TORVASIN_VERSION "\nmodule " << module.version() << '\n';
     return exit_good;
@@ -58,17 +59,10 @@ exit_status host(const options& given) {
   log_writer writer;
   set_log_level(given.log_level);
   const exit_status status = run_module(given, module, engine, writer);
-  module.unload();
   release_all_texts();
   report_leaks(engine.registrations());
   if (!writer.finish()) std::quick_exit(status);
   return status;
-}
-
-exit_status run(const options& given) {
-  if (!given.list_meters) return host(given);
-  list_meters();
-  return exit_good;
 }
 
 }  // namespace

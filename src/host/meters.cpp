@@ -1,6 +1,5 @@
 #include "host/meters.h"
 
-#include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -23,13 +22,18 @@ namespace {
 
 constexpr auto rest_of_line = std::numeric_limits<std::streamsize>::max();
 
-// A size in KiB from /proc/meminfo; more than 32 bits of them (4 TiB) reads as the largest number.
+// More than 32 bits, as 4 TiB have in KiB, read as the largest number.
+std::uint32_t clamped(std::uint64_t number) {
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(number, UINT32_MAX));
+}
+
+// A size in KiB from /proc/meminfo.
 std::optional<std::uint32_t> memory_kib(std::string_view wanted) {
   std::ifstream file("/proc/meminfo");
   std::string key;
   std::uint64_t kib = 0;
   while (file >> key >> kib) {
-    if (key == wanted) return static_cast<std::uint32_t>(std::min<std::uint64_t>(kib, UINT32_MAX));
+    if (key == wanted) return clamped(kib);
     file.ignore(rest_of_line, '\n');
   }
   return std::nullopt;
@@ -56,22 +60,9 @@ std::optional<float> cpu_busy(meter_state& state) {
 
 // What users other than root can still write there.
 std::optional<std::uint32_t> root_available(meter_state&) {
-  struct statvfs root {};
-  if (statvfs("/", &root) != 0) return std::nullopt;
-  const std::uint64_t mib = std::uint64_t{root.f_bavail} * root.f_frsize >> 20;
-  return static_cast<std::uint32_t>(std::min<std::uint64_t>(mib, UINT32_MAX));
-}
-
-std::optional<std::uint32_t> memory_total(meter_state&) {
-  return memory_kib("MemTotal:");
-}
-
-std::optional<std::uint32_t> memory_available(meter_state&) {
-  return memory_kib("MemAvailable:");
-}
-
-std::optional<std::uint32_t> swap_free(meter_state&) {
-  return memory_kib("SwapFree:");
+  std::error_code error;
+  const auto space = std::filesystem::space("/", error);
+  return error ? std::nullopt : std::optional(clamped(space.available >> 20));
 }
 
 std::optional<std::int32_t> memory_available_change(meter_state& state) {
@@ -163,14 +154,10 @@ std::optional<std::string> description(meter_state&) {
   return text;
 }
 
-std::optional<std::string> hostname(meter_state&) {
+template <auto part>
+std::optional<std::string> system_name(meter_state&) {
   utsname system{};
-  return uname(&system) == 0 ? std::optional<std::string>(system.nodename) : std::nullopt;
-}
-
-std::optional<std::string> kernel(meter_state&) {
-  utsname system{};
-  return uname(&system) == 0 ? std::optional<std::string>(system.release) : std::nullopt;
+  return uname(&system) == 0 ? std::optional<std::string>(system.*part) : std::nullopt;
 }
 
 constexpr auto fast = TORVASIN_FAST;
@@ -183,18 +170,20 @@ constexpr auto table = std::to_array<meter>({
     {"memory.available_change_kib", fast, gauge,
      "change of the available memory since the reading before, KiB", memory_available_change},
     {"memory.available_kib", fast, gauge, "memory available to new programs, KiB",
-     memory_available},
-    {"memory.total_kib", slow, gauge, "memory of the machine, KiB", memory_total},
+     [](meter_state&) { return memory_kib("MemAvailable:"); }},
+    {"memory.total_kib", slow, gauge, "memory of the machine, KiB",
+     [](meter_state&) { return memory_kib("MemTotal:"); }},
     {"network.rx_octets", fast, counter,
      "octets received on all interfaces but loopback, modulo 2^32", network_octets<rx_octets>},
     {"network.tx_octets", fast, counter, "octets sent on all interfaces but loopback, modulo 2^32",
      network_octets<tx_octets>},
-    {"swap.free_kib", slow, gauge, "swap space that is free, KiB", swap_free},
+    {"swap.free_kib", slow, gauge, "swap space that is free, KiB",
+     [](meter_state&) { return memory_kib("SwapFree:"); }},
     {"system.cpus", slow, gauge, "processors on line", cpus},
     {"system.description", slow, gauge, "system, name, kernel and architecture, as uname -a",
      description},
-    {"system.hostname", slow, gauge, "name of the machine", hostname},
-    {"system.kernel", slow, gauge, "release of the kernel", kernel},
+    {"system.hostname", slow, gauge, "name of the machine", system_name<&utsname::nodename>},
+    {"system.kernel", slow, gauge, "release of the kernel", system_name<&utsname::release>},
     {"system.load1", fast, gauge, "load average of the last minute", load<0>},
     {"system.load15", slow, gauge, "load average of the last 15 minutes", load<2>},
     {"system.load5", fast, gauge, "load average of the last 5 minutes", load<1>},
@@ -215,14 +204,13 @@ std::span<const meter> all_meters() {
   return table;
 }
 
-void meter_sampler::sample(int speed, torvasin_key_value_list& list) {
+void sample_meters(int speed, meter_state& state, torvasin_key_value_list& list) {
   for (const meter& each : table) {
     if (each.speed != speed) continue;
-    std::visit(
-        [&](auto read) {
-          if (const auto value = read(state_)) list.set(each.name, *value);
-        },
-        each.read);
+    const auto take = [&](auto read) {
+      if (const auto value = read(state)) list.set(each.name, *value);
+    };
+    std::visit(take, each.read);
   }
 }
 

@@ -51,15 +51,9 @@ struct meter {
 // Every meter, in the order of the names. Lives for ever.
 std::span<const meter> all_meters();
 
-class meter_sampler {
- public:
-  // Sets the keys of all meters of a speed in the list; a reading that fails leaves its key as it
-  // was, so that it is missing from an empty list. Readings of one speed belong to one thread.
-  void sample(int speed, torvasin_key_value_list& list);
-
- private:
-  meter_state state_;
-};
+// Sets the keys of all meters of a speed in the list; a reading that fails leaves its key as it
+// was, so that it is missing from an empty list. A state belongs to one speed and thread.
+void sample_meters(int speed, meter_state& state, torvasin_key_value_list& list);
 
 }  // namespace torvasin_host
 

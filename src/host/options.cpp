@@ -32,43 +32,38 @@ std::string name_fault(const std::string& name) {
 
 void add_run_options(CLI::App& app, options& parsed) {
   const CLI::Range period(1U, longest_period_ms);
-  app.add_option("--module", parsed.module, "Module to load (default: the one of this program)")
-      ->type_name("PATH");
-  app.add_option("--conf-file", parsed.conf_file, "Configuration file of the module")
-      ->type_name("PATH")
+  const auto add = [&app](const char* name, auto& value, const char* type, const char* words) {
+    return app.add_option(name, value, words)->type_name(type);
+  };
+  add("--module", parsed.module, "PATH", "Module to load (default: the one of this program)");
+  add("--conf-file", parsed.conf_file, "PATH", "Configuration file of the module")
       ->capture_default_str();
-  app.add_option("--name", parsed.name, "Name of the module instance")
-      ->type_name("NAME")
+  add("--name", parsed.name, "NAME", "Name of the module instance")
       ->check(name_fault)
       ->capture_default_str();
-  app.add_option("--affinity", parsed.affinity, "Processors of the module's thread, decimal or 0x")
-      ->type_name("MASK")
+  add("--affinity", parsed.affinity, "MASK", "Processors of the module's thread, decimal or 0x")
       ->check(CLI::Range(1U, unsigned{INT32_MAX}));
-  app.add_option("--renice", parsed.renice, "Change of the nice value of the module's thread")
-      ->type_name("N")
+  add("--renice", parsed.renice, "N", "Change of the nice value of the module's thread")
       ->check(CLI::Range(-most_niceness, most_niceness));
-  app.add_option("--fast-ms", parsed.fast_ms, "Period of the fast meters, milliseconds")
-      ->type_name("N")
+  add("--fast-ms", parsed.fast_ms, "N", "Period of the fast meters, milliseconds")
       ->check(period)
       ->capture_default_str();
-  app.add_option("--slow-ms", parsed.slow_ms, "Period of the slow meters, milliseconds")
-      ->type_name("N")
+  add("--slow-ms", parsed.slow_ms, "N", "Period of the slow meters, milliseconds")
       ->check(period)
       ->capture_default_str();
-  app.add_option("--log-level", parsed.log_level,
-                 "Lowest level to log: trace, warning, error, failure or off, or 1 to 5")
-      ->type_name("LEVEL")
+  add("--log-level", parsed.log_level, "LEVEL",
+      "Lowest level to log: trace, warning, error, failure or off, or 1 to 5")
       ->transform(CLI::Validator(take_level, ""))
       ->default_str("warning");
 }
 
 // What the program does instead of running the module.
 void add_modes(CLI::App& app, options& parsed) {
-  auto* version = app.add_flag("--version", parsed.version,
-                               "Print the versions of this program and of the module");
-  auto* list = app.add_flag("--list-meters", parsed.list_meters,
-                            "Print the meters of this machine with their values");
-  list->excludes(version);
+  CLI::Option* version = app.add_flag("--version", parsed.version,
+                                      "Print the versions of this program and of the module");
+  app.add_flag("--list-meters", parsed.list_meters,
+               "Print the meters of this machine with their values")
+      ->excludes(version);
 }
 
 // An empty argument, such as a variable of a shell that is not set, names nothing.

@@ -12,7 +12,7 @@
 namespace torvasin_host {
 
 struct options {
-  std::optional<std::string> module;  // path; when absent, the module that goes with the program
+  std::string module;  // path; when empty, the module that goes with the program
   std::string conf_file = "snmpmanager.ini";
   std::optional<std::uint32_t> affinity;
   std::optional<std::int32_t> renice;

@@ -1,11 +1,15 @@
-// What the program prints: tables, and names for the numbers of the host interface.
+// What torvasin_host and torvasin_config share: names for the numbers of the host interface, texts
+// and tables for a terminal, and whether there is a configuration.
 
 #ifndef TORVASIN_HOST_REPORT_H
 #define TORVASIN_HOST_REPORT_H
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "module/torvasin.h"
 
 namespace torvasin_host {
 
@@ -15,11 +19,18 @@ using table_row = std::vector<std::string>;
 // the first row as headings.
 void print_table(const std::vector<table_row>& rows);
 
-// "uint", "int", "float", "text" or "unknown".
-const char* type_name(std::uint32_t type);
+// A text with its control characters, and octets that are not UTF-8, escaped as "\n", "\x1b" or
+// "\u200e"; so are quotation marks and backslashes.
+std::string printable(std::string_view text);
+
+// "uint", "int", "float" or "text".
+const char* type_name(torvasin_value_type type);
 
 // "fast" or "slow".
-const char* speed_name(int speed);
+const char* speed_name(std::uint32_t speed);
+
+// Why no configuration can be read from a path, or an empty text. Pipes are for shells.
+std::string file_fault(const std::string& path);
 
 // Prints every meter: its speed and type, whether it counts, what it means, and its value
 // now, "-" when the system gives none.

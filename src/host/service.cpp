@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <pthread.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +17,7 @@
 
 #include "host/key_value_list.h"
 #include "host/meters.h"
+#include "host/report.h"
 
 namespace torvasin_host {
 namespace {
@@ -29,14 +29,6 @@ sigset_t kept_signals() {
   sigemptyset(&signals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
   return signals;
-}
-
-// Why a configuration cannot be read from there, or an empty text. Pipes are for shells.
-std::string file_fault(const std::string& path) {
-  struct stat file {};
-  if (stat(path.c_str(), &file) != 0 || access(path.c_str(), R_OK) != 0) return strerror(errno);
-  if (S_ISDIR(file.st_mode)) return strerror(EISDIR);
-  return S_ISREG(file.st_mode) || S_ISFIFO(file.st_mode) ? "" : "Not a file";
 }
 
 // Where the UDP sockets of this process are bound: only they tell, when a configuration leaves the
@@ -74,12 +66,6 @@ std::string renice_fault(std::int32_t renice) {
   return refused != 0 ? strerror(refused) : "";
 }
 
-void set_host_keys(const options& given, torvasin_key_value_list& list) {
-  list.set("conf_file", given.conf_file);
-  if (given.affinity) list.set("affinity", *given.affinity);
-  if (given.renice) list.set("renice", *given.renice);
-}
-
 // Returns the next of the kept signals.
 int wait_for_signal(log_writer& writer) {
   const sigset_t signals = kept_signals();
@@ -102,9 +88,15 @@ exit_status run_module(const options& given, plugin& module, meter_engine& engin
   const auto say = [&](std::string_view level, const std::string& text) {
     if (given.log_level < log_off) writer.write(level, text);
   };
+  const auto fail = [&writer](const std::string& text) {
+    writer.write("failure", text);
+    return exit_failure;
+  };
   torvasin_key_value_list list;
-  set_host_keys(given, list);
+  list.set("conf_file", given.conf_file);
+  if (given.affinity) list.set("affinity", *given.affinity);
   if (given.renice) {
+    list.set("renice", *given.renice);
     const std::string fault = renice_fault(*given.renice);
     if (!fault.empty()) {
       say("failure", fmt::format("cannot change the nice value by {}: {}", *given.renice, fault));
@@ -114,17 +106,14 @@ exit_status run_module(const options& given, plugin& module, meter_engine& engin
   do {
     const std::string fault = file_fault(given.conf_file);
     if (!fault.empty()) {
-      writer.write("failure", fmt::format("cannot read {}: {}", given.conf_file, fault));
+      fail(fmt::format("cannot read {}: {}", given.conf_file, fault));
       return signal == 0 ? exit_usage : exit_failure;
     }
     const std::int32_t status = module.start(list);
-    if (status != 0) {
-      writer.write("failure", fmt::format("the module did not start, status {}", status));
-      return exit_failure;
-    }
+    if (status != 0) return fail(fmt::format("the module did not start, status {}", status));
     engine.start(given.fast_ms, given.slow_ms,
-                 [sampler = meter_sampler()](int speed, torvasin_key_value_list& values) mutable {
-                   sampler.sample(speed, values);
+                 [state = meter_state()](int speed, torvasin_key_value_list& values) mutable {
+                   sample_meters(speed, state, values);
                  });
     say("notice",
         fmt::format("module {} {} answers on {}", given.name, module.version(), udp_addresses()));
