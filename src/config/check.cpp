@@ -5,10 +5,8 @@
 #include <functional>
 #include <regex>
 #include <span>
-#include <type_traits>
 
 #include "config/config.h"
-#include "host/key_value_list.h"
 
 namespace torvasin_config {
 namespace {
@@ -42,86 +40,85 @@ constexpr string_view types[] = {"int", "uint", "string"};
 
 // ---- Values of keys, when the module has taken them --------------------------------------------
 
-// What the module has made of a value; the value itself where it keeps the text.
-std::string taken_from(const configuration& config, const key_line& line) {
-  if (line.key == "ip") return config.module.ip;
-  if (line.key == "port") return std::to_string(config.module.port);
-  if (line.key == "meter") return config.module.bindings[*line.item].meter;
-  if (line.key != "type") return std::string(line.value);
-  const auto& [type, payload] = config.module.bindings[*line.item].value;
-  return type == TORVASIN_INT32    ? std::to_string(payload.int32)
-         : type == TORVASIN_UINT32 ? std::to_string(payload.uint32)
-                                   : "";
+// What is odd about a value, to stand behind it; no text when nothing is.
+struct remark {
+  severity kind;
+  std::string text;
+};
+
+remark remark_on_cut(string_view value, string_view taken) {
+  if (value == taken) return {};
+  return {warning, " is cut to '" + printable(taken) + "'"};
 }
 
-// A value with all that its checks look at.
-struct value_view {
-  const configuration& config;
-  string_view value;
-  std::string taken;
-
-  bool is_cut() const { return value != taken; }
-  bool is_zero() const { return taken == "0"; }
-  bool is_no_speed() const { return std::ranges::count(speeds, value) == 0; }
-  bool is_no_address() const { return inet_addr(taken.c_str()) == INADDR_NONE; }
-  bool is_any_address() const { return inet_addr(taken.c_str()) == INADDR_ANY; }
-  bool is_other_address() const {
-    in_addr address{};
-    return inet_pton(AF_INET, taken.c_str(), &address) != 1;
+remark remark_on_address(string_view value, const char* taken) {
+  const in_addr address = {inet_addr(taken)};
+  in_addr plain{};
+  if (value != taken) return remark_on_cut(value, taken);
+  if (address.s_addr == INADDR_NONE) {
+    return {warning, ": nobody can ask there: write four numbers"};
   }
-
-  // Sign, digits and rest of a number. No match when the value is none.
-  std::cmatch number() const {
-    static const std::regex pattern("(?:u?int:)?\\s*\\+?(-?)0*([0-9]+)(.*)");
-    std::cmatch part;
-    std::regex_match(value.begin(), value.end(), part, pattern);
-    return part;
+  if (inet_pton(AF_INET, taken, &plain) != 1) {
+    return {warning, fmt::format(" is read as {}: write four plain numbers", inet_ntoa(address))};
   }
-  bool has_text_behind() const { return number().length(3) > 0; }
-  bool is_out_of_range() const {
-    const std::cmatch part = number();
-    return !part.empty() && part.str(1) + part.str(2) != taken;
+  if (address.s_addr != INADDR_ANY) return {};
+  return {note, ": clients that check where an answer comes from may drop it: name one address"};
+}
+
+remark remark_on_number(string_view value, const std::string& taken) {
+  static const std::regex pattern("(?:u?int:)?\\s*\\+?(-?)0*([0-9]+)(.*)");
+  std::cmatch part;  // sign, digits and rest
+  if (!std::regex_match(value.begin(), value.end(), part, pattern)) return {};
+  if (part.length(3) > 0) return {warning, " is read as " + taken + ": leave out what follows"};
+  if (part.str(1) + part.str(2) == taken) return {};
+  return {warning, " is out of range and read as " + taken};
+}
+
+remark remark_on_port(string_view value, unsigned taken) {
+  remark result = remark_on_number(value, std::to_string(taken));
+  if (result.text.empty() && taken == 0) {
+    result = {note, ": the system picks another port at each start"};
   }
+  return result;
+}
 
-  // A comma stands between arguments when no operator can stand in its place.
-  bool has_decimal_comma() const {
-    std::string text(value);
-    for (char& letter : text) {
-      if (letter != ',') continue;
-      letter = '+';
-      te_expr* sum = te_compile(text.c_str(), &config.module.formula_vars, 1, nullptr);
-      letter = ',';
-      te_free(sum);
-      if (sum != nullptr) return true;
-    }
-    return false;
+// A first value behind a type.
+remark remark_on_default(string_view value, const torvasin_value& taken) {
+  if (taken.type == TORVASIN_TEXT) return {};
+  const bool is_signed = taken.type == TORVASIN_INT32;
+  return remark_on_number(value, is_signed ? std::to_string(taken.payload.int32)
+                                           : std::to_string(taken.payload.uint32));
+}
+
+remark remark_on_speed(string_view value) {
+  if (std::ranges::count(speeds, value) > 0) return {};
+  return {warning, " counts as slow: write fast or slow" + did_you_mean(value, speeds)};
+}
+
+// A comma stands between arguments when no operator can stand in its place.
+remark remark_on_commas(std::string formula, const te_variable* variable) {
+  for (char& letter : formula) {
+    if (letter != ',') continue;
+    letter = '+';
+    te_expr* sum = te_compile(formula.c_str(), variable, 1, nullptr);
+    letter = ',';
+    te_free(sum);
+    if (sum == nullptr) continue;
+    return {warning, ": what stands before the comma is lost; write a fraction with a point"};
   }
-};
+  return {};
+}
 
-struct value_check {
-  string_view key;
-  severity kind;
-  bool (value_view::*holds)() const;
-  string_view text;  // {0} the line, {1} what it is taken for, {2} the address that this is
-};
-
-// Of the rows of a key the first that holds is reported.
-constexpr value_check value_checks[] = {
-    {"ip", warning, &value_view::is_cut, "{0} is cut to '{1}'"},
-    {"ip", warning, &value_view::is_no_address, "{0}: nobody can ask there: write four numbers"},
-    {"ip", warning, &value_view::is_other_address, "{0} is read as {2}: write four plain numbers"},
-    {"ip", note, &value_view::is_any_address,
-     "{0}: clients that check where an answer comes from may drop it: name one address"},
-    {"port", warning, &value_view::has_text_behind, "{0} is read as {1}: leave out what follows"},
-    {"port", warning, &value_view::is_out_of_range, "{0} is out of range and read as {1}"},
-    {"port", note, &value_view::is_zero, "{0}: the system picks another port at each start"},
-    {"meter", warning, &value_view::is_cut, "{0} is cut to '{1}'"},
-    {"metertype", warning, &value_view::is_no_speed, "{0} counts as slow: write fast or slow"},
-    {"type", warning, &value_view::has_text_behind, "{0} is read as {1}: leave out what follows"},
-    {"type", warning, &value_view::is_out_of_range, "{0} is out of range and read as {1}"},
-    {"computeformula", warning, &value_view::has_decimal_comma,
-     "{0}: what stands before the comma is lost; write a fraction with a point"},
-};
+remark remark_on(const configuration& config, const key_line& line) {
+  const snmp_module& module = config.module;
+  if (line.key == "ip") return remark_on_address(line.value, module.ip);
+  if (line.key == "port") return remark_on_port(line.value, module.port);
+  if (line.key == "metertype") return remark_on_speed(line.value);
+  if (line.key == "meter") return remark_on_cut(line.value, module.bindings[*line.item].meter);
+  if (line.key == "type") return remark_on_default(line.value, module.bindings[*line.item].value);
+  if (line.key != "computeformula") return {};
+  return remark_on_commas(std::string(line.value), &module.formula_vars);
+}
 
 // ---- Keys --------------------------------------------------------------------------------------
 
@@ -143,17 +140,6 @@ constexpr known_key keys_of_items[item_keys] = {
     {"type", "write int, uint or string, or one with a first value, as in int:-5"},
     {"computeformula", "write it over 'value', as in value*100"},
 };
-
-void check_value(configuration& config, const key_line& line, const std::string& label) {
-  const value_view view = {config, line.value, taken_from(config, line)};
-  for (const auto& [key, kind, holds, text] : value_checks) {
-    if (key != line.key || !(view.*holds)()) continue;
-    const char* address = inet_ntoa({inet_addr(view.taken.c_str())});
-    const std::string meant = key == "metertype" ? did_you_mean(line.value, speeds) : "";
-    return config.report(line.at, kind, std::string(text) + meant, label, printable(view.taken),
-                         address);
-  }
-}
 
 }  // namespace
 
@@ -185,7 +171,8 @@ void check_key(configuration& config, const key_line& line) {
     if (line.key == "computeformula") item.formula = line.refusal.empty() ? line.value : "";
   }
   if (line.refusal.empty()) {
-    check_value(config, line, label);
+    const auto [kind, text] = remark_on(config, line);
+    if (!text.empty()) config.report(line.at, kind, "{}{}", label, text);
   } else {
     const string_view type = line.value.substr(0, line.value.find(':'));
     config.report(line.at, error, "{} is refused: {}{}{}", label, known->wanted,
@@ -201,103 +188,83 @@ void check_key(configuration& config, const key_line& line) {
 
 namespace {
 
-// An item with all that its checks look at.
-struct item_view {
-  const item_source& source;
-  const snmp_item& item;
-  const snmp_meter_binding& binding;
-  const meter* published;  // the host's meter of its name, or null
-  served_value served;
-  double result;  // of its formula now
-
-  bool has_no_meter() const { return binding.meter[0] == '\0'; }
-  bool has_lost_formula() const { return !source.formula.empty() && binding.formula == nullptr; }
-  bool has_no_oid() const { return item.oid.count == 0; }
-  bool has_no_type() const { return item.writer == encode_null; }
-  bool has_unknown_meter() const { return !has_no_meter() && published == nullptr; }
-  bool has_other_speed() const { return published != nullptr && binding.fast != published->speed; }
-  bool has_other_type() const;
-  bool has_result_outside() const {
-    return binding.formula != nullptr && !has_no_type() && std::trunc(result) != served.number;
-  }
-  bool has_formula_on_counter() const {
-    return binding.formula != nullptr && published != nullptr && published->counts;
-  }
-  bool cannot_be_named() const { return !has_no_oid() && !can_be_named(item.oid); }
-};
-
-// Whether the module takes no value of the meter for an item, tried at the meter's speed.
-bool item_view::has_other_type() const {
-  if (published == nullptr || has_no_type()) return false;
-  torvasin_key_value_list list;
-  const auto set = [&list, name = published->name](auto read) {
-    using reading = std::invoke_result_t<decltype(read), torvasin_host::meter_state&>;
-    list.set(name, typename reading::value_type{});
-  };
-  std::visit(set, published->read);
-  snmp_meter_binding tried = binding;
-  tried.fast = published->speed;
-  snmp_module module{};
-  module.bindings = &tried;
-  module.item_count = 1;
-  refresh_items(&module, &list, tried.fast);
-  return tried.refreshed == 0;
-}
-
-item_view view_of(const configuration& config, std::size_t i) {
-  const snmp_meter_binding& binding = config.module.bindings[i];
+// Reports about one item.
+struct item_report {
+  configuration& config;
+  const std::size_t i;
+  const item_source& source = config.items[i];
   const snmp_item& item = config.module.items[i];
-  const served_value served = serve(item);  // leaves the value that the formula is of
-  const double result = te_eval(binding.formula);
-  return {config.items[i], item, binding, find_meter(binding.meter), served, result};
-}
+  const snmp_meter_binding& binding = config.module.bindings[i];
+  const torvasin_host::meter* published = find_meter(binding.meter);  // of its name, or null
+  const bool typed = item.writer != encode_null;
 
-struct item_check {
-  item_key key;  // whose line is at fault; item_keys for the section's
-  severity kind;
-  bool (item_view::*holds)() const;
-  bool logged;       // by the link pass, in the order of the rows
-  string_view text;  // {0} the meter, {1} its speed, {2} its type, {3} the formula's result, {4}
-                     // what is served, {5} the meter that may be meant
-};
+  void say(place at, severity kind, const std::string& text) const {
+    config.report(at, kind, "item {}: {}", in_quotes(binding.name), text);
+  }
 
-constexpr item_check item_checks[] = {
-    {key_meter, note, &item_view::has_no_meter, true,
-     "without a meter it serves its first value for good"},
-    {key_formula, warning, &item_view::has_lost_formula, true,
-     "a string has no formula: leave it out"},
-    {item_keys, error, &item_view::has_no_oid, true,
-     "it has no OID, and the agent does not start: add one"},
-    {item_keys, warning, &item_view::has_no_type, false,
-     "it has no type and answers NULL: add one"},
-    {key_meter, warning, &item_view::has_unknown_meter, false, "this host has no meter '{0}'{5}"},
-    {key_metertype, warning, &item_view::has_other_speed, false,
-     "meter {0} is {1}: write metertype = {1}"},
-    {key_type, warning, &item_view::has_other_type, false,
-     "its type takes no {2}, which meter {0} is"},
-    {key_formula, note, &item_view::has_result_outside, false,
-     "the formula gives {3} now, served as {4}"},
-    {key_formula, note, &item_view::has_formula_on_counter, false,
-     "meter {0} counts: behind a formula it stays at the greatest number and does not go round"},
-    {key_oid, warning, &item_view::cannot_be_named, false,
-     "no request can name this OID: write two numbers or more, the second below 40"},
-};
-
-void check_item(configuration& config, const item_view& view) {
-  for (const auto& [key, kind, holds, logged, text] : item_checks) {
-    if (!(view.*holds)()) continue;
-    const auto& [source, item, binding, published, served, result] = view;
-    std::string said = fmt::format(
-        fmt::runtime(text), printable(binding.meter),
-        published != nullptr ? torvasin_host::speed_name(published->speed) : "",
-        published != nullptr ? torvasin_host::type_name(published->type()) : "", result,
-        served.text, did_you_mean(binding.meter, torvasin_host::all_meters(), &meter::name));
-    if (logged && !config.link_messages.empty()) {
-      said += config.link_messages.front();
+  // With the message of the link pass, which looks for the same in the same order.
+  void say_linked(place at, severity kind, std::string text) const {
+    if (!config.link_messages.empty()) {
+      text += config.link_messages.front();
       config.link_messages.pop_front();
     }
-    config.report(key == item_keys ? source.section : source.keys[key], kind, "item {}: {}",
-                  in_quotes(binding.name), said);
+    say(at, kind, text);
+  }
+
+  void check_link() const;
+  void check_meter() const;
+  void check_formula() const;
+};
+
+void item_report::check_link() const {
+  if (binding.meter[0] == '\0') {
+    say_linked(source.keys[key_meter], note, "without a meter it serves its first value for good");
+  }
+  if (!source.formula.empty() && binding.formula == nullptr) {
+    say_linked(source.keys[key_formula], warning, "a string has no formula: leave it out");
+  }
+  if (item.oid.count == 0) {
+    say_linked(source.section, error, "it has no OID, and the agent does not start: add one");
+  } else if (!can_be_named(item.oid)) {
+    say(source.keys[key_oid], warning,
+        "no request can name this OID: write two numbers or more, the second below 40");
+  }
+  if (!typed) say(source.section, warning, "it has no type and answers NULL: add one");
+}
+
+void item_report::check_meter() const {
+  if (binding.meter[0] == '\0') return;
+  if (published == nullptr) {
+    const auto meant = did_you_mean(binding.meter, torvasin_host::all_meters(), &meter::name);
+    return say(source.keys[key_meter], warning,
+               "this host has no meter " + in_quotes(binding.meter) + meant);
+  }
+  if (binding.fast != published->speed) {
+    say(source.keys[key_metertype], warning,
+        fmt::format("meter {0} is {1}: write metertype = {1}", binding.meter,
+                    torvasin_host::speed_name(published->speed)));
+  }
+  if (typed && source.refuses) {
+    say(source.keys[key_type], warning,
+        fmt::format("its type takes no {}, which meter {} is",
+                    torvasin_host::type_name(published->type()), binding.meter));
+  }
+}
+
+void item_report::check_formula() const {
+  if (binding.formula == nullptr) return;
+  const std::string served = serve(item);  // leaves the value that the formula is of
+  const double result = te_eval(binding.formula);
+  const double whole = std::trunc(result) + 0.0;  // that of -0.5 is 0, not -0
+  if (typed && fmt::format("{:.0f}", whole) != served) {
+    say(source.keys[key_formula], note,
+        fmt::format("the formula gives {} now, served as {}", result, served));
+  }
+  if (published != nullptr && published->counts) {
+    say(source.keys[key_formula], note,
+        fmt::format("meter {} counts: behind a formula it stays at the greatest number and does "
+                    "not go round",
+                    binding.meter));
   }
 }
 
@@ -345,7 +312,12 @@ void check_neighbours(configuration& config, std::span<const std::size_t> left) 
 
 void check_items(configuration& config) {
   if (config.items.empty() && config.count(error) == 0) config.report(0, warning, "no items");
-  for (std::size_t i = 0; i < config.items.size(); ++i) check_item(config, view_of(config, i));
+  for (std::size_t i = 0; i < config.items.size(); ++i) {
+    const item_report item = {config, i};
+    item.check_link();
+    item.check_meter();
+    item.check_formula();
+  }
   const auto order = config.in_oid_order();
   check_duplicates(config, order);
   check_neighbours(config, order);

@@ -14,6 +14,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,11 +57,16 @@ struct item_source {
   place section;                      // where its section begins first
   std::array<place, item_keys> keys;  // the last line of each key; the section's for none
   std::string formula;                // the last one that compiled; empty for none
+  bool refuses;                       // the type takes no value of the meter
+};
+
+struct unreadable_file : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
 
 struct configuration {
   // Reads a file and those that it includes, links the items, gives each the value that the meters
-  // of this host have now, and collects the findings. Throws std::system_error when the file cannot
+  // of this host have now, and collects the findings. Throws unreadable_file when the file cannot
   // be read. Only one may exist at a time: it takes the module's log.
   explicit configuration(const std::string& path);
   configuration(const configuration&) = delete;  // the tables point to the module
@@ -87,10 +93,6 @@ struct configuration {
   std::time_t changed = 0;                // the latest change of a file
 };
 
-// Takes the messages that the module has logged since the last call, each in brackets behind a
-// blank; only those from a level on.
-std::deque<std::string> take_log(int least_level);
-
 // ---- Findings ----------------------------------------------------------------------------------
 
 // One key line, when the module has handled it.
@@ -110,13 +112,9 @@ void check_items(configuration& config);                      // when they have 
 // A text in printable form, between apostrophes.
 std::string in_quotes(std::string_view text);
 
-// What an item answers a request with: the value in the octets of its writer.
-struct served_value {
-  std::uint32_t tag = 0;  // enum ber_tag; 0 when the writer refuses
-  double number = 0;      // of an INTEGER or Counter32
-  std::string text;       // of any value, as it is
-};
-served_value serve(const snmp_item& item);
+// What an item answers a request with: the value in the octets of its writer, as text. Empty when
+// the writer refuses.
+std::string serve(const snmp_item& item);
 
 std::string dotted(const snmp_oid& oid);
 

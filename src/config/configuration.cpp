@@ -4,16 +4,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <span>
-#include <system_error>
 #include <utility>
 
 #include "config/config.h"
+#include "host/key_value_list.h"
 #include "host/log.h"
 #include "host/memory.h"
 
@@ -22,23 +20,9 @@ namespace {
 
 using std::string_view;
 
-std::vector<std::pair<int, std::string>> logged;  // level and text, since the last take_log
+std::deque<std::string> logged;  // what the module has logged, each in brackets behind a blank
 
 // ---- Files -------------------------------------------------------------------------------------
-
-// The content of a file or pipe. Throws std::system_error, in one line, when there is none.
-std::string content_of(const std::string& path) {
-  struct stat status {};
-  int reason = stat(path.c_str(), &status) != 0 ? errno : 0;
-  if (S_ISDIR(status.st_mode)) reason = EISDIR;
-  if (reason == 0 && !S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode)) reason = EINVAL;
-  if (reason == 0) {
-    std::ifstream file(path, std::ios::binary);
-    if (file) return {std::istreambuf_iterator<char>(file), {}};
-    reason = errno;
-  }
-  throw std::system_error(reason, std::generic_category(), "cannot read " + in_quotes(path));
-}
 
 // What inih makes of a line that stands by itself.
 struct judgement {
@@ -70,22 +54,26 @@ judgement judge(string_view line) {
 // key lines that inih finds to the module.
 class reading {
  public:
-  reading(configuration& config, const std::string& path)
-      : config_(config), file_(&config.files.emplace_back(path)) {
-    if (config.lines.empty()) config.lines.push_back({file_, 0});
+  reading(configuration& config, const std::string& path) : config_(config) {
+    const std::string fault = torvasin_host::file_fault(path);
+    if (!fault.empty()) throw unreadable_file("cannot read " + in_quotes(path) + ": " + fault);
+    std::ifstream file(path, std::ios::binary);
+    content_.assign(std::istreambuf_iterator<char>(file), {});
+    text_ = content_;
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0)
+    if (stat(path.c_str(), &status) == 0) {
       config.changed = std::max(config.changed, status.st_mtime);
+    }
+    file_ = &config.files.emplace_back(path);
+    if (config.lines.empty()) config.lines.push_back({file_, 0});
   }
 
-  void run(string_view text) {
-    const std::size_t zero = text.find('\0');
+  void run() {
+    const std::size_t zero = text_.find('\0');
     if (zero != string_view::npos) {
-      line_number_ = static_cast<std::size_t>(std::ranges::count(text.substr(0, zero), '\n'));
-      begin_line();
+      begin_line(1 + static_cast<std::size_t>(std::ranges::count(text_.substr(0, zero), '\n')));
       return config_.report(here_, error, "an octet of 0: this is no text file, and not checked");
     }
-    text_ = text;
     config_.module.files_read++;
     config_.module.open_files++;
     ini_parse_stream(
@@ -102,9 +90,9 @@ class reading {
   }
 
  private:
-  void begin_line() {
+  void begin_line(std::size_t number) {
     here_ = config_.lines.size();
-    config_.lines.push_back({file_, ++line_number_});
+    config_.lines.push_back({file_, number});
   }
 
   char* next_piece(char* room, std::size_t size) {
@@ -113,7 +101,7 @@ class reading {
     if (text_.empty()) return nullptr;
     const std::size_t length = std::min(text_.find('\n'), text_.size() - 1) + 1;
     const bool begins_line = piece_.empty() || piece_.back() == '\n';
-    if (begins_line) begin_line();
+    if (begins_line) begin_line(config_.lines[here_].number + 1);
     if (begins_line && length >= size) {
       config_.report(here_, warning,
                      "of {} octets in this line {} are read, the rest as more lines", length,
@@ -121,54 +109,50 @@ class reading {
     }
     piece_ = text_.substr(0, std::min(length, size - 1));
     text_.remove_prefix(piece_.size());
-    ++piece_number_;
     room[piece_.copy(room, size)] = '\0';
+    constexpr string_view byte_order_mark = "\xEF\xBB\xBF";  // inih skips it
+    if (++piece_number_ == 1 && piece_.starts_with(byte_order_mark)) piece_.remove_prefix(3);
     return room;
   }
 
   // A piece without a key is blank, a comment, a section or at fault. Of the pieces of a line that
   // is cut, one is enough to report.
   void end_piece() {
-    constexpr string_view byte_order_mark =
-        "\xEF\xBB\xBF";  // inih skips it, at the start of a file
-    if (piece_number_ == 1 && piece_.starts_with(byte_order_mark)) piece_.remove_prefix(3);
     const judgement line = judge(piece_);
     if (line.section) {
       enter(*line.section);
-      const std::size_t end = piece_.find('[') + 1 + section_name_.size();
-      if (piece_[end] != ']') {
-        config_.report(here_, warning, "the name is cut to {}", in_quotes(section_name_));
+      if (piece_[piece_.find('[') + 1 + line.section->size()] != ']') {
+        config_.report(here_, warning, "the name is cut to {}", in_quotes(*line.section));
       }
     }
-    if (!line.faulty || fault_ == line_number_) return;
+    if (!line.faulty || fault_ == here_) return;
     std::string message;
     if (fault_ == 0) {  // the module logs the first one of a file
       message = fmt::format(" (problem parsing {} (line first error: {}))", printable(*file_),
                             piece_number_);
     }
-    fault_ = line_number_;
+    fault_ = here_;
     config_.report(here_, error, "{} is no [section], key = value or ; comment{}",
                    in_quotes(piece_.substr(0, piece_.find_last_not_of("\r\n") + 1)), message);
   }
 
   void enter(const std::string& name) {
     const auto [at, fresh] = config_.sections.try_emplace(name, section{here_, {}});
-    section_ = &at->second;
-    section_name_ = name;
+    section_ = &*at;
     section_at_ = here_;
     refused_ = false;
     // [General] may well be spread over files.
-    if (fresh || (name == "General" && config_.lines[section_->at].file != file_)) return;
+    const place first = at->second.at;
+    if (fresh || (name == "General" && config_.lines[first].file != file_)) return;
     config_.report(here_, warning, "[{}] is at {} already: the keys below add to that one",
-                   printable(name), config_.place_text(section_->at));
+                   printable(name), config_.place_text(first));
   }
 
   void take_key(const char* section, const char* key, const char* value) {
     keyless_ = false;
-    if (section_ == nullptr || section_name_ != section) enter(section);
+    if (section_ == nullptr || section_->first != section) enter(section);
     key_line line = {here_, section, key, value, {}, {}};
-    const bool indented = std::isspace(static_cast<unsigned char>(piece_[0])) != 0;
-    const judgement alone = indented ? judge(piece_) : judgement{false, {}, key, value};
+    const judgement alone = judge(piece_);
     if (alone.key != key || alone.value != value) {
       config_.report(here_, warning,
                      "an indented line continues the one before: {} is taken for a value of {}; "
@@ -176,16 +160,16 @@ class reading {
                      in_quotes(value), in_quotes(key));
     }
     if (line.section == "General" && line.key == "include" && include(line)) return;
-    take_log(TORVASIN_LOG_FAILURE);
+    logged.clear();
     ini_handler_cb(&config_.context, section, key, value);
-    const auto messages = take_log(TORVASIN_LOG_ERROR);
-    if (!messages.empty()) line.refusal = messages.back();
+    if (!logged.empty()) line.refusal = logged.back();
+    auto& [at, item] = section_->second;
     if (config_.module.item_count > config_.items.size()) {
-      section_->item = config_.items.size();
-      config_.items.push_back({section_->at, {}, {}});
-      config_.items.back().keys.fill(section_->at);
+      item = config_.items.size();
+      config_.items.push_back({at, {}, {}, false});
+      config_.items.back().keys.fill(at);
     }
-    line.item = section_->item;
+    line.item = item;
     if (line.item || line.section == "General") {
       check_key(config_, line);
     } else if (!std::exchange(refused_, true)) {
@@ -199,9 +183,8 @@ class reading {
     if (module.open_files == MAX_OPEN_FILES || module.files_read == MAX_FILES) return false;
     const std::string path(line.value);
     try {
-      const std::string text = content_of(path);
-      reading(config_, path).run(text);
-    } catch (const std::system_error& failure) {
+      reading(config_, path).run();
+    } catch (const unreadable_file& failure) {
       if (access(path.c_str(), R_OK) != 0) return false;
       config_.report(line.at, error, "{}", failure.what());
     }
@@ -209,70 +192,71 @@ class reading {
   }
 
   configuration& config_;
-  const std::string* file_;
+  std::string content_;
+  const std::string* file_;       // its name
   string_view text_;              // what is left of it
   string_view piece_;             // the latest
   std::size_t piece_number_ = 0;  // inih takes these for lines
-  std::size_t line_number_ = 0;
-  place here_ = 0;         // the line of the piece
-  bool keyless_ = false;   // the piece has given no key so far
-  std::size_t fault_ = 0;  // number of the line of the latest piece at fault
-  section* section_ = nullptr;
-  std::string section_name_;
-  place section_at_ = 0;
+  place here_ = 0;                // the line of the piece
+  bool keyless_ = false;          // the piece has given no key so far
+  place fault_ = 0;               // the line of the latest piece at fault
+  std::pair<const std::string, section>* section_ = nullptr;
+  place section_at_ = 0;  // where it begins here
   bool refused_ = false;  // the section has been reported as unknown
 };
 
 // ---- Items -------------------------------------------------------------------------------------
 
 // The module's pass ends at the first item without an OID. The others are linked by a second one,
-// in which those have an OID; what it logs no agent will log.
+// in which all have one; what it logs no agent will log.
 void link(configuration& config) {
-  snmp_module* module = &config.module;
-  take_log(TORVASIN_LOG_FAILURE);
-  const bool complete = link_snmp_items(module) == 0;
-  config.link_messages = take_log(TORVASIN_LOG_WARNING);
-  if (complete) return;
-  std::vector<snmp_oid*> missing;
-  for (snmp_item& item : std::span(module->items, module->item_count)) {
-    if (item.oid.count == 0) missing.push_back(&item.oid);
-  }
-  for (snmp_oid* oid : missing) oid->count = 1;
-  link_snmp_items(module);
-  for (snmp_oid* oid : missing) oid->count = 0;
+  const std::span items(config.module.items, config.module.item_count);
+  logged.clear();
+  link_snmp_items(&config.module);
+  config.link_messages = std::exchange(logged, {});
+  for (snmp_item& item : items) ++item.oid.count;
+  link_snmp_items(&config.module);
+  for (snmp_item& item : items) --item.oid.count;
 }
 
-void refresh(snmp_module* module) {
+// Notes which items do not take the values of a list, tried on copies of them, whatever their
+// speed.
+void try_items(configuration& config, const torvasin_key_value_list& list) {
+  const snmp_module& module = config.module;
+  std::vector<snmp_meter_binding> copies(module.bindings, module.bindings + module.item_count);
+  for (snmp_meter_binding& copy : copies) copy.fast = TORVASIN_FAST;
+  snmp_module trial{};
+  trial.bindings = copies.data();
+  trial.item_count = module.item_count;
+  refresh_items(&trial, &list, TORVASIN_FAST);
+  for (std::size_t i = 0; i < copies.size(); ++i) {
+    if (list.find(copies[i].meter) != nullptr) config.items[i].refuses = copies[i].refreshed == 0;
+  }
+}
+
+void refresh(configuration& config) {
   torvasin_host::meter_state state;
   for (const torvasin_speed speed : {TORVASIN_SLOW, TORVASIN_FAST}) {
     torvasin_key_value_list list;
-    torvasin_host::sample_meters(speed, state, list);
-    refresh_items(module, &list, speed);
+    sample_meters(speed, state, list);
+    try_items(config, list);
+    refresh_items(&config.module, &list, speed);
   }
 }
 
 }  // namespace
 
-std::deque<std::string> take_log(int least_level) {
-  std::deque<std::string> taken;
-  for (const auto& [level, text] : std::exchange(logged, {})) {
-    if (level >= least_level) taken.push_back(" (" + printable(text) + ")");
-  }
-  return taken;
-}
-
 configuration::configuration(const std::string& path) {
   mallopt(M_TOP_PAD, 1 << 26);  // the host's allocator moves the tables for each new item
   torvasin_host::set_log_level(TORVASIN_LOG_WARNING);
-  const auto sink = [](const torvasin_host::log_record& record, void*) {
-    logged.emplace_back(record.level, record.text);
+  const auto keep = [](const torvasin_host::log_record& record, void*) {
+    logged.push_back(" (" + printable(record.text) + ")");
   };
-  torvasin_host::set_log_sink(sink, nullptr);
+  torvasin_host::set_log_sink(keep, nullptr);
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
-  const std::string text = content_of(path);
-  reading(*this, path).run(text);
+  reading(*this, path).run();
   link(*this);
-  refresh(&module);
+  refresh(*this);
   check_items(*this);
   std::ranges::stable_sort(findings, {}, &finding::at);
 }

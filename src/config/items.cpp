@@ -8,30 +8,30 @@ std::string in_quotes(std::string_view text) {
   return "'" + printable(text) + "'";
 }
 
-served_value serve(const snmp_item& item) {
-  served_value value;
+std::string serve(const snmp_item& item) {
   std::size_t size = 0;
   item.writer(nullptr, 0, &size, item.writer_ctx);
   std::vector<std::uint8_t> octets(size);
-  if (item.writer(octets.data(), size, nullptr, item.writer_ctx) != 0) return value;
+  if (item.writer(octets.data(), size, nullptr, item.writer_ctx) != 0) return "";
 
   std::size_t at = 0;
   std::size_t length = 0;
-  decode_len(octets.data(), size, &at, &value.tag, &length);
-  if (value.tag == BER_INTEGER) {
-    std::int32_t number = 0;
-    decode_int(octets.data(), size, &at, length, &number);
-    value = {value.tag, static_cast<double>(number), std::to_string(number)};
-  } else if (value.tag == BER_COUNTER32) {
-    std::uint32_t number = 0;
-    decode_uint(octets.data(), size, &at, length, &number);
-    value = {value.tag, static_cast<double>(number), std::to_string(number)};
-  } else if (value.tag == BER_NULL) {
-    value.text = "NULL";
-  } else {
-    value.text.assign(octets.begin() + static_cast<std::ptrdiff_t>(at), octets.end());
+  std::uint32_t tag = 0;
+  std::int32_t number = 0;
+  std::uint32_t count = 0;
+  decode_len(octets.data(), size, &at, &tag, &length);
+  switch (tag) {
+    case BER_INTEGER:
+      decode_int(octets.data(), size, &at, length, &number);
+      return std::to_string(number);
+    case BER_COUNTER32:
+      decode_uint(octets.data(), size, &at, length, &count);
+      return std::to_string(count);
+    case BER_NULL:
+      return "NULL";
+    default:
+      return {octets.begin() + static_cast<std::ptrdiff_t>(at), octets.end()};
   }
-  return value;
 }
 
 std::string dotted(const snmp_oid& oid) {

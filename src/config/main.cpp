@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <regex>
-#include <system_error>
 
 #include "config/config.h"
 
@@ -28,16 +27,13 @@ torvasin_host::table_row row_of(const configuration& config, std::size_t i) {
   const snmp_meter_binding& binding = config.module.bindings[i];
   const snmp_item& item = config.module.items[i];
   const std::string formula = binding.formula != nullptr ? config.items[i].formula : "";
-  const char* type = item.writer == encode_null    ? ""
-                     : binding.type == ITEM_STRING ? "string"
-                                                   : torvasin_host::type_name(static_cast<torvasin_value_type>(binding.type));
-  torvasin_host::table_row row = {binding.name,
-                                  dotted(item.oid),
-                                  type,
-                                  binding.meter,
-                                  torvasin_host::speed_name(binding.fast),
-                                  formula,
-                                  serve(item).text};
+  const char* type = item.writer == encode_null ? ""
+                     : binding.type == ITEM_STRING
+                         ? "string"
+                         : torvasin_host::type_name(static_cast<torvasin_value_type>(binding.type));
+  torvasin_host::table_row row = {
+      binding.name, dotted(item.oid), type, binding.meter, torvasin_host::speed_name(binding.fast),
+      formula,      serve(item)};
   for (std::string& cell : row) cell = cell.empty() ? "-" : printable(cell);
   return row;
 }
@@ -109,7 +105,7 @@ int main(int argc, char** argv) {
     return std::cout.flush() ? status : fail(exit_fault, "cannot write the output");
   } catch (const CLI::ParseError& failure) {
     return fail(exit_unusable, printable(failure.what()));
-  } catch (const std::system_error& failure) {
+  } catch (const unreadable_file& failure) {
     return fail(exit_unusable, failure.what());
   } catch (const std::exception& failure) {
     return fail(exit_fault, failure.what());

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <iostream>
 #include <regex>
+#include <set>
 #include <stdexcept>
 
 #include "config/config.h"
@@ -15,43 +16,42 @@ namespace {
 
 // ---- Names and words ---------------------------------------------------------------------------
 
-constexpr auto lower = [](char letter) { return static_cast<char>(std::tolower(letter)); };
+std::string lower_case(std::string text) {
+  std::ranges::transform(text, text.begin(), [](int letter) { return std::tolower(letter); });
+  return text;
+}
 
 // The letters and digits of a text, a capital for each that follows something else: memory_total is
-// memoryTotal, and TORVASIN-LAB becomes torvasinLab when `small` makes small letters of the others.
-std::string camel_case(std::string_view text, bool small = false) {
+// memoryTotal.
+std::string camel_case(std::string_view text) {
   std::string result;
   bool word_begins = false;
   for (const char letter : text) {
-    const bool fits = letter > 0 && std::isalnum(letter) != 0;
-    if (fits && word_begins) result += static_cast<char>(std::toupper(letter));
-    if (fits && !word_begins) result += small || result.empty() ? lower(letter) : letter;
-    word_begins = !fits && !result.empty();
+    if (letter > 0 && std::isalnum(letter) != 0) {
+      const int cased = word_begins ? std::toupper(letter) : letter;
+      result += static_cast<char>(result.empty() ? std::tolower(letter) : cased);
+      word_begins = false;
+    } else {
+      word_begins = true;
+    }
   }
   return result.empty() || std::isdigit(result[0]) != 0 ? "item" + result : result;
-}
-
-std::string lower_case(std::string text) {
-  std::ranges::transform(text, text.begin(), lower);
-  return text;
 }
 
 // Names of the items by index. No two are alike but for the case, and none is the reserved one or a
 // word that readers of MIBs keep for themselves. Of an item's 44 characters at most, all are below
 // the 64 that SMI allows.
 std::vector<std::string> unique_names(const configuration& config, const std::string& reserved) {
-  std::map<std::string, unsigned> used = {{lower_case(reserved), 1}};  // how many have had a name
-  for (const char* word :
-       {"iso", "ccitt", "current", "deprecated", "obsolete", "mandatory", "optional"}) {
-    used[word] = 1;
-  }
+  std::set<std::string> used = {"iso",      "ccitt",     "current",  "deprecated",
+                                "obsolete", "mandatory", "optional", lower_case(reserved)};
+  std::map<std::string, unsigned> alike;  // how many could not have a name
   std::vector<std::string> names;
   for (std::size_t i = 0; i < config.items.size(); ++i) {
     const std::string base = camel_case(config.module.bindings[i].name);
     std::string name = base;
-    unsigned& count = used[lower_case(base)];
-    while (count > 0 && used.contains(lower_case(name = base + std::to_string(count + 1)))) ++count;
-    if (count++ > 0) used[lower_case(name)] = 1;
+    while (!used.insert(lower_case(name)).second) {
+      name = base + std::to_string(++alike[lower_case(base)] + 1);
+    }
     names.push_back(name);
   }
   return names;
@@ -156,9 +156,9 @@ std::string smi_text(std::string text) {
 }  // namespace
 
 void print_mib(const configuration& config, const std::string& module_name) {
-  const bool suffixed = module_name.ends_with("-MIB");
-  const std::string identity =
-      camel_case(module_name.substr(0, module_name.size() - (suffixed ? 4 : 0)), true);
+  std::string subject = lower_case(module_name);
+  if (subject.ends_with("-mib")) subject.resize(subject.rfind('-'));
+  const std::string identity = camel_case(subject);
   std::string left_out;
   const auto items = name_items(config, identity, "--", left_out);
   std::vector<definition> all;
