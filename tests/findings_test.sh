@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# What torvasin_config finds in files and says that they serve, its MIB, and what it makes of bad input.
+# What torvasin_config finds in files and says that they serve, its MIB, and what it and the host make
+# of bad input.
 # Usage: findings_test.sh BINARY_DIRECTORY
 
 set -euo pipefail
@@ -67,7 +68,6 @@ logged
 find 'ten long texts' "1n 4n $(seq -f %gn 4 3 31 | xargs)" "[ITEM_a]\n${o}0\n$u\n$(texts 10)"
 find 'nine of them' "$(seq -f %gn 1 3 25 | xargs)" "$(texts 9)"
 
-
 expect 'words that may be meant' "'General' 'port' 'uint' 'system.load1' 'fast'" \
   "$(sed -n "s/.*did you mean \('[^']*'\)?.*/\1/p" refused | xargs -d '\n')"
 printf '%b' "[ITEM_a]\n${o}1\n$u:7\n[ITEM_b]\n${o}2\n$m\ntype = int:-5\n[ITEM_c]\n${o}3\nmeter = system.cpus
@@ -91,10 +91,27 @@ for row in 'binary.ini 1 1 1' 'lines.ini 1 1 1' 'octets.ini 1 0 0' 'none.ini 2 2
   read -r file check others lines <<<"$row"
   expect "$file" "$file $check $((check / 2)) $others $lines $others $lines" "$said"
 done
-for arguments in '' 'check' 'check x.ini y.ini' 'mib --name x x.ini'; do
+while read -r status program arguments; do
   # shellcheck disable=SC2086
-  expect "$arguments" '2 1' "$("$bin/torvasin_config" $arguments 2>said || echo $?) $(wc -l <said)"
-done
+  expect "$program $arguments" "$status 1 $program:" \
+    "$("$bin/$program" $arguments 2>said || echo $?) $(wc -l <said) $(cut -d' ' -f1 said)"
+done <<ROWS
+2 torvasin_config
+2 torvasin_config check
+2 torvasin_config check x.ini y.ini
+2 torvasin_config mib --name x x.ini
+2 torvasin_host --version --list-meters
+2 torvasin_host --name ${x:0:40}
+2 torvasin_host --affinity 0
+2 torvasin_host --renice x
+2 torvasin_host --fast-ms 0
+2 torvasin_host --slow-ms 3600001
+2 torvasin_host --log-level
+2 torvasin_host another
+1 torvasin_host --module none
+ROWS
+expect 'meters' "system.kernel slow text no release of the kernel $(uname -r)" \
+  "$("$bin/torvasin_host" --list-meters | grep '[.]kernel' | xargs)"
 expect 'a full device' '1 1' "$("$bin/torvasin_config" mib x.ini 2>said >/dev/full || echo $?) $(wc -l <said)"
 
 # A MIB of items anywhere: OID and the name that it is walked by.

@@ -65,21 +65,19 @@ remark remark_on_address(string_view value, const char* taken) {
   return {note, ": clients that check where an answer comes from may drop it: name one address"};
 }
 
-remark remark_on_number(string_view value, const std::string& taken) {
+// `otherwise` is what is odd about a number that is read as it stands.
+remark remark_on_number(string_view value, const std::string& taken, remark otherwise = {}) {
   static const std::regex pattern("(?:u?int:)?\\s*\\+?(-?)0*([0-9]+)(.*)");
   std::cmatch part;  // sign, digits and rest
-  if (!std::regex_match(value.begin(), value.end(), part, pattern)) return {};
+  if (!std::regex_match(value.begin(), value.end(), part, pattern)) return otherwise;
   if (part.length(3) > 0) return {warning, " is read as " + taken + ": leave out what follows"};
-  if (part.str(1) + part.str(2) == taken) return {};
+  if (part.str(1) + part.str(2) == taken) return otherwise;
   return {warning, " is out of range and read as " + taken};
 }
 
 remark remark_on_port(string_view value, unsigned taken) {
-  remark result = remark_on_number(value, std::to_string(taken));
-  if (result.text.empty() && taken == 0) {
-    result = {note, ": the system picks another port at each start"};
-  }
-  return result;
+  remark any_port = {note, ": the system picks another port at each start"};
+  return remark_on_number(value, std::to_string(taken), taken == 0 ? any_port : remark{});
 }
 
 // A first value behind a type.

@@ -118,9 +118,6 @@ std::string serve(const snmp_item& item);
 
 std::string dotted(const snmp_oid& oid);
 
-// Whether an OID begins with all of an arc.
-bool is_below(const snmp_oid& oid, const snmp_oid& arc);
-
 // Whether the agent reads an OID in a request as it is meant: its first two numbers share an octet.
 bool can_be_named(const snmp_oid& oid);
 

@@ -38,10 +38,6 @@ std::string dotted(const snmp_oid& oid) {
   return fmt::format("{}", fmt::join(oid.subid, oid.subid + oid.count, "."));
 }
 
-bool is_below(const snmp_oid& oid, const snmp_oid& arc) {
-  return oid.count >= arc.count && std::equal(arc.subid, arc.subid + arc.count, oid.subid);
-}
-
 bool can_be_named(const snmp_oid& oid) {
   std::vector<std::uint8_t> octets(get_oidlen(oid.subid, oid.count));
   encode_snmp_oid(octets.data(), oid.subid, oid.count);

@@ -97,16 +97,16 @@ std::vector<named_item> name_items(const configuration& config, const std::strin
   return named;
 }
 
+// Whether an OID begins with all of an arc.
+bool is_below(const snmp_oid& oid, const snmp_oid& arc) {
+  return oid.count >= arc.count && std::equal(arc.subid, arc.subid + arc.count, oid.subid);
+}
+
 // ---- MIB ---------------------------------------------------------------------------------------
 
 // 1.3.6.1.4.1.N: where an enterprise's arc ends. What SMI itself defines is shorter.
 constexpr std::size_t enterprise_numbers = 7;
 constexpr std::uint32_t spare_number = INT32_MAX;  // for an identity that has no arc for itself
-
-snmp_oid parent_of(snmp_oid oid) {
-  if (oid.count > 0) oid.subid[--oid.count] = 0;
-  return oid;
-}
 
 struct definition {
   const named_item* item;
@@ -114,21 +114,31 @@ struct definition {
   bool scalar;  // an object, of which the item is the instance; else a name for the item's OID
 };
 
-// An OID that ends in 0 is an instance, unless the object would have more below it.
-definition define(const std::vector<named_item>& items, std::size_t at) {
-  const snmp_oid& oid = *items[at].oid;
-  const snmp_oid parent = parent_of(oid);
-  const bool scalar = oid.subid[oid.count - 1] == 0 && parent.subid[parent.count - 1] != 0 &&
-                      (at == 0 || !is_below(*items[at - 1].oid, parent)) &&
-                      (at + 1 == items.size() || !is_below(*items[at + 1].oid, parent));
-  return {&items[at], scalar ? parent : oid, scalar};
+std::vector<definition> define(const std::vector<named_item>& items, std::string& left_out) {
+  std::vector<definition> all;
+  for (std::size_t at = 0; at < items.size(); ++at) {
+    // An OID that ends in 0 is an instance, unless the object would have more below it.
+    const snmp_oid& oid = *items[at].oid;
+    snmp_oid parent = oid;
+    --parent.count;
+    const bool scalar = oid.subid[parent.count] == 0 && oid.subid[parent.count - 1] != 0 &&
+                        (at == 0 || !is_below(*items[at - 1].oid, parent)) &&
+                        (at + 1 == items.size() || !is_below(*items[at + 1].oid, parent));
+    const snmp_oid& node = scalar ? parent : oid;
+    if (node.count >= enterprise_numbers && node.subid[0] <= 2) {
+      all.push_back({&items[at], node, scalar});
+    } else {
+      left_out += fmt::format("-- {} is left out: its OID is too high up.\n", items[at].name);
+    }
+  }
+  return all;
 }
 
 // The enterprise of the last item, which stays as items come and go. With a number behind it where
 // it is an item itself.
 snmp_oid identity_arc(const std::vector<definition>& all) {
   snmp_oid arc = all.back().node;
-  while (arc.count > enterprise_numbers) arc = parent_of(arc);
+  arc.count = enterprise_numbers;
   const auto is_arc = [&arc](const definition& each) { return compare_oid(&each.node, &arc) == 0; };
   if (std::ranges::any_of(all, is_arc)) arc.subid[arc.count++] = spare_number;
   return arc;
@@ -147,11 +157,31 @@ std::string stamp(std::time_t time) {
   return fmt::format("{:%Y%m%d%H%MZ}", fmt::gmtime(std::max(time, no_smi_before)));
 }
 
-// A quotation mark ends a text, whatever stands before it.
+// A text of SMI is ASCII, and a quotation mark ends it, whatever stands before that.
 std::string smi_text(std::string text) {
-  std::ranges::replace(text, '"', '\'');
+  std::ranges::replace_if(
+      text, [](char letter) { return letter < 0 || letter == '"'; }, '\'');
   return text;
 }
+
+// 0 the module, 1 its identity, 2 when it changed, 3 the file, 4 the value of the identity.
+constexpr char mib_head[] = R"({0} DEFINITIONS ::= BEGIN
+
+IMPORTS
+    MODULE-IDENTITY, OBJECT-IDENTITY, OBJECT-TYPE, Counter32, Integer32
+        FROM SNMPv2-SMI;
+
+{1} MODULE-IDENTITY
+    LAST-UPDATED "{2}"
+    ORGANIZATION "torvasin_snmp"
+    CONTACT-INFO "The operator of the agent."
+    DESCRIPTION
+        "What an agent with the configuration {3} serves. It has no Gauge32:
+         a Counter32 that is said to be a gauge is to be taken as it is."
+    REVISION "{2}"
+    DESCRIPTION "Made from the configuration by torvasin_config."
+    ::= {4}
+)";
 
 }  // namespace
 
@@ -161,43 +191,18 @@ void print_mib(const configuration& config, const std::string& module_name) {
   const std::string identity = camel_case(subject);
   std::string left_out;
   const auto items = name_items(config, identity, "--", left_out);
-  std::vector<definition> all;
-  for (std::size_t at = 0; at < items.size(); ++at) {
-    const definition made = define(items, at);
-    if (made.node.count >= enterprise_numbers && made.node.subid[0] <= 2) {
-      all.push_back(made);
-    } else {
-      left_out += fmt::format("-- {} is left out: its OID is too high up.\n", items[at].name);
-    }
-  }
+  const auto all = define(items, left_out);
   if (all.empty()) throw std::runtime_error("there is no item for a MIB");
   const snmp_oid arc = identity_arc(all);
   const std::string& path = config.files[0];
-  std::cout << fmt::format(R"({} DEFINITIONS ::= BEGIN
-
-IMPORTS
-    MODULE-IDENTITY, OBJECT-IDENTITY, OBJECT-TYPE, Counter32, Integer32
-        FROM SNMPv2-SMI;
-
-{} MODULE-IDENTITY
-    LAST-UPDATED "{}"
-    ORGANIZATION "torvasin_snmp"
-    CONTACT-INFO "The operator of the agent."
-    DESCRIPTION
-        "What an agent with the configuration {} serves. It has no Gauge32:
-         a Counter32 that is said to be a gauge is to be taken as it is."
-    REVISION "{}"
-    DESCRIPTION "Made from the configuration by torvasin_config."
-    ::= {}
-)",
-                           module_name, identity, stamp(config.changed),
+  std::cout << fmt::format(mib_head, module_name, identity, stamp(config.changed),
                            smi_text(printable(path.substr(path.rfind('/') + 1))),
-                           stamp(config.changed), value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
+                           value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
   for (const auto& [item, node, scalar] : all) {
-    std::cout << '\n' << item->name << (scalar ? " OBJECT-TYPE\n" : " OBJECT-IDENTITY\n");
     const char* syntax = item->binding->type == ITEM_UINT  ? "Counter32"
                          : item->binding->type == ITEM_INT ? "Integer32"
                                                            : "OCTET STRING";
+    std::cout << '\n' << item->name << (scalar ? " OBJECT-TYPE\n" : " OBJECT-IDENTITY\n");
     if (scalar) std::cout << "    SYNTAX      " << syntax << "\n    MAX-ACCESS  read-only\n";
     std::cout << "    STATUS      current\n    DESCRIPTION \"" << smi_text(item->words)
               << "\"\n    ::= " << value_of(node, arc, identity) << '\n';
