@@ -126,7 +126,7 @@ Counter32 ::= [APPLICATION 1] IMPLICIT INTEGER (0..4294967295)
 END
 SMI
 while read -r oid item name; do
-  printf '[ITEM_%s]\ntype = int\noid = 1.3.6.1.%s\nmeter = --"\\\xff\n' "$item" "$oid" >>items.ini
+  printf '[ITEM_%s]\ntype = int\noid = 1.3.6.1.%s\nmeter = --"\\\xff\xc3\xa9\n' "$item" "$oid" >>items.ini
   walked+="SITE-MIB::$name "
   asked+=".1.3.6.1.$oid "
 done <<'ITEMS'
