@@ -3,18 +3,9 @@
 # of bad input.
 # Usage: findings_test.sh BINARY_DIRECTORY
 
-set -euo pipefail
-bin=$(realpath "$1")
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-cd "$scratch"
-
-failures=0
-expect() {
-  [ "$2" = "$3" ] && return
-  printf 'FAILED %s\n expected: %s\n but got:  %s\n' "$1" "$2" "$3"
-  failures=$((failures + 1))
-}
+# shellcheck source=tests/lib.sh
+. "$(dirname "$0")/lib.sh"
+bin=$1
 
 # find TITLE FINDINGS TEXT: a file of that text, and what is found: its line, in x.ini unless said
 # otherwise, and the first letter of its kind.
@@ -146,4 +137,4 @@ expect smilint '' "$(SMIPATH=. smilint -l 3 ./site.txt 2>&1)"
 # shellcheck disable=SC2086
 expect 'names' "${walked% }" "$(snmptranslate -M . -m SITE-MIB $asked 2>&1 | xargs)"
 
-printf '%d failed\n' "$failures" && [ "$failures" -eq 0 ]
+finish
