@@ -1,5 +1,4 @@
 #include <ini.h>
-#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -247,7 +246,6 @@ void refresh(configuration& config) {
 }  // namespace
 
 configuration::configuration(const std::string& path) {
-  mallopt(M_TOP_PAD, 1 << 26);  // the host's allocator moves the tables for each new item
   torvasin_host::set_log_level(TORVASIN_LOG_WARNING);
   const auto keep = [](const torvasin_host::log_record& record, void*) {
     logged.push_back(" (" + printable(record.text) + ")");

@@ -19,6 +19,11 @@ using owned_text = std::unique_ptr<char, decltype([](char* text) { std::free(tex
 
 constexpr int fresh_pattern = 0xA5;
 
+// Blocks from this size on have pages of their own, which the system moves without copying: a table
+// that grows by one entry at a time would otherwise be copied as often as it has entries.
+constexpr int paged_block = 128 * 1024;
+const int paged_block_is_set = mallopt(M_MMAP_THRESHOLD, paged_block);
+
 // Blocks are counted but not listed: a list of them would keep a leak checker from seeing leaks.
 std::atomic<std::size_t> live_blocks{0};
 std::atomic<std::uint64_t> allocation_calls{0};
@@ -45,9 +50,9 @@ void* allocate(std::size_t size) {
 }
 
 // Takes the texts of the records in the block `from` to the same offsets of the block `to`, as far
-// as its size allows, and releases the others. With a null `to` it releases them all.
+// as its size allows, and releases the others. With a null `to` it releases them all. The caller
+// holds the lock from before the block moves: its old address may be another block's at once.
 void move_texts(const void* from, std::size_t from_size, const void* to, std::size_t to_size) {
-  const std::scoped_lock lock(texts_mutex);
   auto at = texts.lower_bound(address_of(from));
   while (at != texts.end() && at->first < address_of(from) + from_size) {
     auto node = texts.extract(at++);
@@ -60,9 +65,26 @@ void move_texts(const void* from, std::size_t from_size, const void* to, std::si
 }
 
 void release(void* block) {
+  const std::scoped_lock lock(texts_mutex);
   move_texts(block, malloc_usable_size(block), nullptr, 0);
   std::free(block);
   --live_blocks;
+}
+
+// Moves the block in any case, so that nobody comes to rely on its staying. Null without memory.
+void* move_small(void* block, std::size_t old_size, std::size_t size) {
+  void* moved = allocate(size);
+  if (moved == nullptr) return nullptr;
+  std::memcpy(moved, block, std::min(old_size, size));
+  std::free(block);
+  --live_blocks;
+  return moved;
+}
+
+void* move_paged(void* block, std::size_t old_size, std::size_t size) {
+  void* moved = std::realloc(block, size);
+  if (moved != nullptr) fill(moved, old_size, malloc_usable_size(moved));
+  return moved;
 }
 
 // Sets a record, and makes `text`, or nothing when it is null, what it owns; frees what it owned
@@ -107,12 +129,13 @@ void* torvasin_malloc(std::size_t size) {
 
 void* torvasin_realloc(void* memory, std::size_t size) {
   ++allocation_calls;
-  void* moved = allocate(size);
-  if (memory == nullptr || moved == nullptr) return moved;
+  if (memory == nullptr) return allocate(size);
+  const std::scoped_lock lock(texts_mutex);
   const std::size_t old_size = malloc_usable_size(memory);
-  std::memcpy(moved, memory, std::min(old_size, size));
-  move_texts(memory, old_size, moved, size);
-  release(memory);
+  const bool paged = std::min(old_size, size) >= paged_block;
+  void* moved = (paged ? move_paged : move_small)(memory, old_size, size);
+  if (moved != nullptr && (moved != memory || size < old_size))
+    move_texts(memory, old_size, moved, size);
   return moved;
 }
 
