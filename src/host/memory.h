@@ -3,8 +3,8 @@
 // thread. One record is one caller's at a time.
 //
 // The allocator is strict, so that nobody comes to rely on luck: fresh memory, the grown tail of a
-// block included, is filled with a non-zero pattern, and torvasin_realloc always moves a block below
-// 128 KiB. A size of 0 counts as 1: a result is null only for want of memory, and a failed
+// block included, is filled with a non-zero pattern, and torvasin_realloc always moves a block
+// below 128 KiB. A size of 0 counts as 1: a result is null only for want of memory, and a failed
 // torvasin_realloc leaves the old block as it was.
 //
 // Who owns a text: the ADDRESS of the record that holds it. One ordered map, record address ->
