@@ -50,15 +50,16 @@ void* allocate(std::size_t size) {
 }
 
 // Takes the texts of the records in the block `from` to the same offsets of the block `to`, as far
-// as its size allows, and releases the others. With a null `to` it releases them all. The caller
+// as its size allows, and releases the others. With a `to` of 0 it releases them all. The caller
 // holds the lock from before the block moves: its old address may be another block's at once.
-void move_texts(const void* from, std::size_t from_size, const void* to, std::size_t to_size) {
-  auto at = texts.lower_bound(address_of(from));
-  while (at != texts.end() && at->first < address_of(from) + from_size) {
+void move_texts(std::uintptr_t from, std::size_t from_size, std::uintptr_t to,
+                std::size_t to_size) {
+  auto at = texts.lower_bound(from);
+  while (at != texts.end() && at->first < from + from_size) {
     auto node = texts.extract(at++);
-    const std::size_t offset = node.key() - address_of(from);
-    if (to == nullptr || offset + sizeof(torvasin_value) > to_size) continue;
-    node.key() = address_of(to) + offset;
+    const std::size_t offset = node.key() - from;
+    if (to == 0 || offset + sizeof(torvasin_value) > to_size) continue;
+    node.key() = to + offset;
     texts.erase(node.key());  // left by a record in memory that was not this allocator's
     texts.insert(std::move(node));
   }
@@ -66,7 +67,7 @@ void move_texts(const void* from, std::size_t from_size, const void* to, std::si
 
 void release(void* block) {
   const std::scoped_lock lock(texts_mutex);
-  move_texts(block, malloc_usable_size(block), nullptr, 0);
+  move_texts(address_of(block), malloc_usable_size(block), 0, 0);
   std::free(block);
   --live_blocks;
 }
@@ -131,11 +132,12 @@ void* torvasin_realloc(void* memory, std::size_t size) {
   ++allocation_calls;
   if (memory == nullptr) return allocate(size);
   const std::scoped_lock lock(texts_mutex);
+  const std::uintptr_t old = address_of(memory);
   const std::size_t old_size = malloc_usable_size(memory);
   const bool paged = std::min(old_size, size) >= paged_block;
   void* moved = (paged ? move_paged : move_small)(memory, old_size, size);
-  if (moved != nullptr && (moved != memory || size < old_size))
-    move_texts(memory, old_size, moved, size);
+  const std::uintptr_t now = address_of(moved);
+  if (now != 0 && (now != old || size < old_size)) move_texts(old, old_size, now, size);
   return moved;
 }
 
