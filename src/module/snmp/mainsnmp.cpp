@@ -18,6 +18,7 @@
 #include <limits>
 #include <string_view>
 
+#include "config_keys.h"
 #include "snmp/snmp.h"
 #include "snmp/snmp_log.h"
 #include "snmp/snmp_msg_protocol.h"
@@ -308,17 +309,21 @@ void apply_port(const key_line& line, snmp_module* module) {
 }
 
 void apply_general_key(const key_line& line, snmp_module* module) {
-  const string_view key = line.key;
-  if (key == "ip") {
-    copy_text(module->ip, line.value);
-  } else if (key == "port") {
-    apply_port(line, module);
-  } else if (key == "include") {
-    if (parse_config_file(line.context, line.value) != 0) {
-      KEY_LOG(ERROR, line, ") error parsing file");
-    }
-  } else {
-    KEY_LOG(ERROR, line, ") element not yet managed");
+  switch (find_key<general_key>(general_key_names, line.key)) {
+    case general_key::ip:
+      copy_text(module->ip, line.value);
+      break;
+    case general_key::port:
+      apply_port(line, module);
+      break;
+    case general_key::include:
+      if (parse_config_file(line.context, line.value) != 0) {
+        KEY_LOG(ERROR, line, ") error parsing file");
+      }
+      break;
+    case general_key::unknown:
+      KEY_LOG(ERROR, line, ") element not yet managed");
+      break;
   }
 }
 
@@ -387,19 +392,25 @@ void apply_item_key(const key_line& line, snmp_module* module, const char* name)
   if (index < 0) return;
   snmp_meter_binding* binding = &module->bindings[index];
   snmp_item* item = &module->items[index];
-  const string_view key = line.key;
-  if (key == "meter") {
-    copy_text(binding->meter, line.value);
-  } else if (key == "metertype") {
-    binding->fast = string_view(line.value) == "fast" ? TORVASIN_FAST : TORVASIN_SLOW;
-  } else if (key == "type") {
-    apply_type(line, binding, item);
-  } else if (key == "computeformula") {
-    apply_formula(line, module, binding);
-  } else if (key == "oid") {
-    if (parse_oid(line.value, &item->oid) != 0) KEY_LOG(ERROR, line, ") error parsing oid");
-  } else {
-    KEY_LOG(ERROR, line, ") section not yet managed");
+  switch (find_key<item_key>(item_key_names, line.key)) {
+    case item_key::meter:
+      copy_text(binding->meter, line.value);
+      break;
+    case item_key::metertype:
+      binding->fast = string_view(line.value) == "fast" ? TORVASIN_FAST : TORVASIN_SLOW;
+      break;
+    case item_key::type:
+      apply_type(line, binding, item);
+      break;
+    case item_key::computeformula:
+      apply_formula(line, module, binding);
+      break;
+    case item_key::oid:
+      if (parse_oid(line.value, &item->oid) != 0) KEY_LOG(ERROR, line, ") error parsing oid");
+      break;
+    case item_key::unknown:
+      KEY_LOG(ERROR, line, ") section not yet managed");
+      break;
   }
 }
 

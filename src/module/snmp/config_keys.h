@@ -1,0 +1,28 @@
+// The keys of the configuration file, for the module, which applies them, and for torvasin_config,
+// which checks them. Both switch over the enums, so the compiler names each place that a new key
+// still needs.
+
+#ifndef TORVASIN_SNMP_CONFIG_KEYS_H
+#define TORVASIN_SNMP_CONFIG_KEYS_H
+
+#include <stddef.h>
+
+#include <algorithm>
+#include <string_view>
+
+// Each enum ends with `unknown`; the names stand in its order.
+enum class general_key { ip, port, include, unknown };
+constexpr std::string_view general_key_names[] = {"ip", "port", "include"};
+
+enum class item_key { meter, metertype, type, computeformula, oid, unknown };
+constexpr std::string_view item_key_names[] = {"meter", "metertype", "type", "computeformula",
+                                               "oid"};
+
+// Returns the key of a name, `unknown` if there is none.
+template <typename key, size_t count>
+constexpr key find_key(const std::string_view (&names)[count], std::string_view name) {
+  static_assert(count == static_cast<size_t>(key::unknown), "each key has one name");
+  return static_cast<key>(std::find(names, names + count, name) - names);
+}
+
+#endif  // TORVASIN_SNMP_CONFIG_KEYS_H
