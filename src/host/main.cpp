@@ -43,8 +43,8 @@ void report_leaks(std::size_t registrations) {
 }
 
 exit_status run(const options& given) {
-  if (given.list_meters) {
-    list_meters();
+  if (!given.list_meters.empty()) {
+    given.list_meters == "ini" ? print_meters_as_ini() : print_meters();
     return exit_good;
   }
   meter_engine engine;

@@ -61,8 +61,10 @@ void add_run_options(CLI::App& app, options& parsed) {
 void add_modes(CLI::App& app, options& parsed) {
   CLI::Option* version = app.add_flag("--version", parsed.version,
                                       "Print the versions of this program and of the module");
-  app.add_flag("--list-meters", parsed.list_meters,
-               "Print the meters of this machine with their values")
+  app.add_flag("--list-meters{table}", parsed.list_meters,
+               "Print the meters of this machine with their values, or with =ini as a file that "
+               "torvasin_config reads")
+      ->check(CLI::IsMember({"table", "ini"}))
       ->excludes(version);
 }
 

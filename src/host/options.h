@@ -21,7 +21,7 @@ struct options {
   unsigned slow_ms = 1000;
   int log_level = TORVASIN_LOG_WARNING;  // or log_off
   bool version = false;
-  bool list_meters = false;
+  std::string list_meters;  // "table" or "ini"; when empty, there is no list
 };
 
 // Exit statuses of the program.

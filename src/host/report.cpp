@@ -42,13 +42,13 @@ const char* speed_name(std::uint32_t speed) {
 }
 
 std::string file_fault(const std::string& path) {
-  struct stat file {};
+  struct stat file{};
   if (stat(path.c_str(), &file) != 0 || access(path.c_str(), R_OK) != 0) return strerror(errno);
   if (S_ISDIR(file.st_mode)) return strerror(EISDIR);
   return S_ISREG(file.st_mode) || S_ISFIFO(file.st_mode) ? "" : "Not a file";
 }
 
-void list_meters() {
+void print_meters() {
   meter_state state;
   const auto value_now = [&state](auto read) {
     const auto value = read(state);
@@ -61,6 +61,16 @@ void list_meters() {
                     std::visit(value_now, each.read)});
   }
   print_table(rows);
+}
+
+void print_meters_as_ini() {
+  const char* blank_line = "";
+  for (const meter& each : all_meters()) {
+    std::cout << fmt::format("{}[{}]\nspeed = {}\ntype = {}\n{}description = {}\n", blank_line,
+                             each.name, speed_name(each.speed), type_name(each.type()),
+                             each.counts ? "counts = yes\n" : "", each.description);
+    blank_line = "\n";
+  }
 }
 
 }  // namespace torvasin_host

@@ -32,9 +32,13 @@ const char* speed_name(std::uint32_t speed);
 // Why no configuration can be read from a path, or an empty text. Pipes are for shells.
 std::string file_fault(const std::string& path);
 
-// Prints every meter: its speed and type, whether it counts, what it means, and its value
-// now, "-" when the system gives none.
-void list_meters();
+// Prints a table of all meters: speed and type, whether it counts, what it means, and its value
+// now,
+// "-" when the system gives none.
+void print_meters();
+
+// Prints all meters as an ini file, a section for each, with what stays true on every machine.
+void print_meters_as_ini();
 
 }  // namespace torvasin_host
 
