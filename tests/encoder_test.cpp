@@ -48,7 +48,7 @@ TEST(values, oids) {
   };
   for (const auto& [oid, hex] : rows) {
     check(hex, get_oidlen(oid.subid, oid.count),
-          [&oid = oid](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, oid.subid, oid.count)); });
+          [&value = oid](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, value.subid, value.count)); });
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 #include <deque>
@@ -74,7 +75,8 @@ struct configuration {
 
   template <typename... arguments>
   void report(place at, severity kind, std::string_view format, const arguments&... all) {
-    findings.push_back({at, kind, fmt::format(fmt::runtime(format), all...)});
+    const auto next = std::ranges::upper_bound(findings, at, {}, &finding::at);
+    findings.insert(next, {at, kind, fmt::format(fmt::runtime(format), all...)});
   }
   std::size_t count(severity kind) const;
   std::string place_text(place at) const;  // "FILE:LINE", or "FILE" where there is no line

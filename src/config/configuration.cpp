@@ -59,7 +59,7 @@ class reading {
     std::ifstream file(path, std::ios::binary);
     content_.assign(std::istreambuf_iterator<char>(file), {});
     text_ = content_;
-    struct stat status {};
+    struct stat status = {};
     if (stat(path.c_str(), &status) == 0) {
       config.changed = std::max(config.changed, status.st_mtime);
     }
@@ -256,7 +256,6 @@ configuration::configuration(const std::string& path) {
   link(*this);
   refresh(*this);
   check_items(*this);
-  std::ranges::stable_sort(findings, {}, &finding::at);
 }
 
 configuration::~configuration() {
@@ -279,8 +278,9 @@ std::vector<std::size_t> configuration::in_oid_order() const {
   for (std::size_t i = 0; i < items.size(); ++i) {
     if (module.items[i].oid.count > 0) order.push_back(i);
   }
-  std::ranges::stable_sort(order, [this](std::size_t a, std::size_t b) {
-    return compare_oid(&module.items[a].oid, &module.items[b].oid) < 0;
+  std::ranges::sort(order, [this](std::size_t a, std::size_t b) {
+    const int relation = compare_oid(&module.items[a].oid, &module.items[b].oid);
+    return relation < 0 || (relation == 0 && a < b);
   });
   return order;
 }

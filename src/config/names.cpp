@@ -159,8 +159,9 @@ std::string stamp(std::time_t time) {
 
 // A text of SMI is ASCII, and a quotation mark ends it, whatever stands before that.
 std::string smi_text(std::string text) {
-  std::ranges::replace_if(
-      text, [](char letter) { return letter < 0 || letter == '"'; }, '\'');
+  for (char& letter : text) {
+    if (letter < 0 || letter == '"') letter = '\'';
+  }
   return text;
 }
 

@@ -110,7 +110,7 @@ std::optional<std::uint32_t> cpus(meter_state&) {
 }
 
 std::optional<std::uint32_t> uptime(meter_state&) {
-  struct sysinfo info {};
+  struct sysinfo info = {};
   if (sysinfo(&info) != 0) return std::nullopt;
   return static_cast<std::uint32_t>(info.uptime);
 }
