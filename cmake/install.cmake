@@ -1,0 +1,32 @@
+# What an installation has besides the programs, the module and what is made for developers of
+# hosts: the documents, in the tree's own order, so that their links work, and the manual pages.
+
+install(FILES README.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY config docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  PATTERN .clang-format EXCLUDE)
+install(FILES src/module/torvasin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+find_program(LOWDOWN lowdown)
+if(NOT LOWDOWN)
+  message(STATUS "Left out: the manual pages, for want of lowdown (Debian package lowdown)")
+endif()
+
+# torvasin_manual(NAME SECTION DOCUMENT): a page from a document that has the sections of one.
+function(torvasin_manual name section document)
+  if(NOT LOWDOWN)
+    return()
+  endif()
+  set(source ${PROJECT_SOURCE_DIR}/docs/${document})
+  set(page ${PROJECT_BINARY_DIR}/man/${name}.${section})
+  file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
+  add_custom_command(OUTPUT ${page}
+    COMMAND ${LOWDOWN} -s -Tman --out-no-smarty --nroff-nolinks --parse-no-intraemph -o ${page}
+      -M title=${name} -M section=${section} -M "source=torvasin_snmp ${PROJECT_VERSION}" ${source}
+    DEPENDS ${source} VERBATIM)
+  add_custom_target(${name}.${section} ALL DEPENDS ${page})
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endfunction()
+
+torvasin_manual(torvasin_host 8 torvasin_host.md)
+torvasin_manual(torvasin_config 1 torvasin_config.md)
+torvasin_manual(snmpmanager.ini 5 configuration.md)
