@@ -1,15 +1,17 @@
 # torvasin_flags: what every target of the tree is compiled and linked with.
 
 add_library(torvasin_flags INTERFACE)
-target_compile_options(torvasin_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Wformat=2 -Wshadow -Wconversion -Wsign-conversion -Wcast-align
-  -Wcast-qual -Wundef -Wvla -Wdouble-promotion -Wimplicit-fallthrough
-  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+if(TORVASIN_WARNINGS)
   target_compile_options(torvasin_flags INTERFACE
-    -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wformat-overflow=2
-    -Wformat-truncation=2 -Wstrict-overflow=2
-    $<$<COMPILE_LANGUAGE:CXX>:-Wuseless-cast>)
+    -Wall -Wextra -Wpedantic -Wformat=2 -Wshadow -Wconversion -Wsign-conversion -Wcast-align
+    -Wcast-qual -Wundef -Wvla -Wdouble-promotion -Wimplicit-fallthrough
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(torvasin_flags INTERFACE
+      -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wformat-overflow=2
+      -Wformat-truncation=2 -Wstrict-overflow=2
+      $<$<COMPILE_LANGUAGE:CXX>:-Wuseless-cast>)
+  endif()
 endif()
 
 # Hardening. _FORTIFY_SOURCE needs an optimised build and does not go with the sanitizers.
@@ -22,7 +24,7 @@ if(TORVASIN_SANITIZE)
   target_link_options(torvasin_flags INTERFACE -fsanitize=${TORVASIN_SANITIZE})
 else()
   target_compile_options(torvasin_flags INTERFACE
-    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
 endif()
 if(TORVASIN_FUZZ)
   target_compile_options(torvasin_flags INTERFACE
