@@ -1,6 +1,7 @@
 // Start, run and stop: the linker routes every call that can fail through the wrappers below.
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -153,13 +154,13 @@ struct lifecycle : testing::Test {
     host_keys.set("conf_file", path);
   }
   int32_t start(torvasin_plugin_context& instance) {
-    const int32_t status = plugin_entry_0_6.startCycle(&instance, &host_keys);
-    if (status == 0) plugin_entry_0_6.startThread(&instance);
+    const int32_t status = entry->startCycle(&instance, &host_keys);
+    if (status == 0) entry->startThread(&instance);
     return status;
   }
   void stop(torvasin_plugin_context& instance) {
-    plugin_entry_0_6.preStopCycle(&instance);
-    plugin_entry_0_6.stopCycle(&instance, 0);
+    entry->preStopCycle(&instance);
+    entry->stopCycle(&instance, 0);
   }
   snmp_module* module() { return static_cast<snmp_module*>(context.private_data); }
   std::string ask() { return udp_client(context).ask(get_a_and_b); }
@@ -179,6 +180,7 @@ struct lifecycle : testing::Test {
   const std::string path = testing::TempDir() + "lifecycle_" + std::to_string(getpid()) + ".ini";
   captured_log log;
   torvasin_host::meter_engine engine;
+  const torvasin_plugin_entry* entry = &plugin_entry_0_6;
   torvasin_plugin_context context = {"test", &engine, {}, nullptr};
   torvasin_key_value_list host_keys;
 };
@@ -373,3 +375,34 @@ TEST_F(lifecycle, two_instances_answer_side_by_side) {
 }
 
 }  // namespace
+
+#ifdef TORVASIN_LIBRARY  // the sanitizers have an allocator of their own
+
+static std::atomic<bool> scarce;  // only the main thread gets memory
+static bool denied() { return scarce && gettid() != getpid(); }
+
+extern "C" {
+void* __libc_malloc(size_t n);
+void* __libc_calloc(size_t count, size_t n);
+void* __libc_realloc(void* p, size_t n);
+void* malloc(size_t n) { return denied() ? nullptr : __libc_malloc(n); }
+void* calloc(size_t count, size_t n) { return denied() ? nullptr : __libc_calloc(count, n); }
+void* realloc(void* p, size_t n) { return denied() ? nullptr : __libc_realloc(p, n); }
+}
+
+// The library as a host loads it: what it needs in its threads comes from the C library only then.
+TEST_F(lifecycle, pollers_need_no_memory) {
+  torvasin_host::set_log_level(torvasin_host::log_off);
+  void* library = dlopen(TORVASIN_LIBRARY, RTLD_NOW);
+  entry = static_cast<torvasin_plugin_entry*>(dlsym(library, "plugin_entry_0_6"));
+  torvasin_plugin_context second = {"second", &engine, {}, nullptr};
+  scarce = true;
+  ASSERT_EQ(0, start(context));
+  ASSERT_EQ(0, start(second));
+  for (const auto& instance : {context, second}) EXPECT_EQ(initial_values, udp_client(instance).ask(get_a_and_b));
+  stop(context);
+  stop(second);
+  scarce = false;
+  dlclose(library);
+}
+#endif

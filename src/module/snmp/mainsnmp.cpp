@@ -14,12 +14,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <iterator>
 #include <limits>
 #include <string_view>
 
 #include "config_keys.h"
-#include "snmp/snmp.h"
 #include "snmp/snmp_log.h"
 #include "snmp/snmp_msg_protocol.h"
 
@@ -571,8 +569,8 @@ void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
     SNMP_LOG(FAILURE, "%s: datagram dropped, no lock: %d %s", poller, locked, strerror(locked));
     return;
   }
-  minimal_snmp(module->items, module->item_count, packet, received, packet, sizeof packet, sender,
-               minimal_snmp_send);
+  minimal_snmp_exchange(&module->exchange, module->items, module->item_count, packet, received,
+                        packet, sizeof packet, sender, minimal_snmp_send);
   retry(pthread_mutex_unlock, &module->lock);
 }
 
@@ -616,7 +614,6 @@ void* module_thread_loop(void* argument) {
   if (module->affinity >= 1) apply_affinity(module->affinity);
   if (module->renice != 0) apply_niceness(module->renice);
 
-  prepare_minimal_snmp();
   uint8_t packet[SNMP_MAX_DATAGRAM];
   snmp_send_ctx sender = {{}, module->fd};
   socklen_t peer_length = sizeof sender.peer;

@@ -6,8 +6,7 @@
 // datagrams. `lock` is the only lock. The poller holds it while it handles a datagram, the send
 // included. A meter callback holds it for a whole refresh. The item tables change shape only inside
 // startCycle and stopCycle, when neither the poller nor a callback runs. Instances in one process
-// share nothing: each has its own context, state and poller, and each poller its own request and
-// response record.
+// share nothing: each has its own context, state and poller.
 //
 // Ownership. The host owns the context, its lists and the allocator. The module owns snmp_module,
 // which owns the two tables, the formulas and the socket. Nothing is allocated while datagrams are
@@ -24,7 +23,7 @@
 #include <tinyexpr.h>
 
 #include "../torvasin.h"
-#include "snmp/snmp_item.h"
+#include "snmp/snmp.h"
 
 constexpr size_t ITEM_NAME_SIZE = 64;  // with the terminating zero, like the two below
 constexpr size_t METER_NAME_SIZE = 128;
@@ -75,7 +74,8 @@ struct snmp_module {
   uint32_t lock_created;     // 1 while lock is to be destroyed
   uint32_t thread_created;   // 1 while thread is to be joined
   uint32_t open_files;       // configuration files that are open now
-  uint32_t files_read;       // configuration files read in this start
+  uint32_t files_read;       // configuration files opened in this start
+  snmp_exchange exchange;    // the poller's, under lock
 };
 
 // The send context of the poller: the requester of the datagram at hand.

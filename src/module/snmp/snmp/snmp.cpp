@@ -12,18 +12,6 @@ constexpr char log_source[] = "src/module/snmp/snmp/snmp";
 
 constexpr char accepted_community[] = "public";
 
-// The records that every datagram of a thread reuses. Each is cleared whole before it is filled.
-struct thread_records {
-  snmp_request request;
-  snmp_response response;
-};
-constinit thread_local thread_records records = {};
-
-// Not inlined, because in a shared library each use of a thread_local variable is a call.
-[[gnu::noinline]] thread_records* own_records() {
-  return &records;
-}
-
 void log_request(const snmp_request* request) {
   SNMP_LOG(TRACE,
            "request: (%s)\n\tver: %d\n\tid: %d\n\tcommunity: %s\n\tnon_repeaters: "
@@ -53,16 +41,11 @@ int32_t handle(const snmp_item* items, uint32_t item_count, snmp_request* reques
 
 }  // namespace
 
-void prepare_minimal_snmp() {
-  memset(own_records(), 0, sizeof(thread_records));
-}
-
-int32_t minimal_snmp(const snmp_item* items, uint32_t item_count, const uint8_t* datagram,
-                     size_t datagram_size, uint8_t* output, size_t output_size, void* send_context,
-                     snmp_send_callback send) {
-  thread_records* own = own_records();
-  snmp_request* request = &own->request;
-  snmp_response* response = &own->response;
+int32_t minimal_snmp_exchange(snmp_exchange* exchange, const snmp_item* items, uint32_t item_count,
+                              const uint8_t* datagram, size_t datagram_size, uint8_t* output,
+                              size_t output_size, void* send_context, snmp_send_callback send) {
+  snmp_request* request = &exchange->request;
+  snmp_response* response = &exchange->response;
   SNMP_LOG(TRACE, "Received: %u data", static_cast<unsigned>(datagram_size));
   if (decode_snmp_request(request, datagram, datagram_size) != 0) {
     SNMP_LOG(TRACE, "Error in request");
@@ -95,4 +78,12 @@ int32_t minimal_snmp(const snmp_item* items, uint32_t item_count, const uint8_t*
   }
   SNMP_LOG(TRACE, "SEND...");
   return send(send_context, message, length);
+}
+
+int32_t minimal_snmp(const snmp_item* items, uint32_t item_count, const uint8_t* datagram,
+                     size_t datagram_size, uint8_t* output, size_t output_size, void* send_context,
+                     snmp_send_callback send) {
+  static snmp_exchange exchange;
+  return minimal_snmp_exchange(&exchange, items, item_count, datagram, datagram_size, output,
+                               output_size, send_context, send);
 }
