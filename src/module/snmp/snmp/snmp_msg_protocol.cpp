@@ -183,20 +183,19 @@ int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t 
   uint32_t* next = &oid->subid[2];
   octet++;
 
-  while (octet < end) {
-    if (next == std::end(oid->subid)) {
-      return REFUSE("%s: OID too long (%u)", __func__, printed(SNMP_MAX_SUBIDS));
-    }
+  // Where the last finished sub-identifier ends. No sub-identifier that begins before it runs on.
+  const uint8_t* finished = end;
+  while (finished[-1] >= 0x80) finished--;
+  while (octet < finished && next != std::end(oid->subid)) {
     uint32_t subid = *octet & 0x7Fu;
-    while ((*octet & 0x80) != 0) {
-      if (++octet == end) return REFUSE("%s: underflow for OID byte", __func__);
-      subid = subid << 7 | (*octet & 0x7Fu);
-    }
+    while (*octet >= 0x80) subid = subid << 7 | (*++octet & 0x7Fu);
     *next++ = subid;
     octet++;
   }
   oid->count = static_cast<uint64_t>(next - oid->subid);
-  return 0;
+  if (octet == end) return 0;
+  if (oid->count < SNMP_MAX_SUBIDS) return REFUSE("%s: underflow for OID byte", __func__);
+  return REFUSE("%s: OID too long (%u)", __func__, printed(SNMP_MAX_SUBIDS));
 }
 
 int32_t decode_discart(size_t size, size_t* cursor, int32_t length) {

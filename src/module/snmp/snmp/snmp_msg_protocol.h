@@ -152,7 +152,9 @@ int32_t decode_uint(const uint8_t* datagram, size_t size, size_t* cursor, size_t
 int32_t decode_str(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    char destination[SNMP_COMMUNITY_SIZE], size_t* count);
 
-// Reads the content of an OBJECT IDENTIFIER. Bits of a sub-identifier beyond 32 are lost.
+// Reads the content of an OBJECT IDENTIFIER. Bits of a sub-identifier beyond 32 are lost. When the
+// content is refused, *oid holds the sub-identifiers before the fault, and its count is theirs. It
+// is untouched when the content runs past the datagram or is above BER_MAX_LENGTH.
 int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    snmp_oid* oid);
 
