@@ -50,6 +50,16 @@ TEST(values, oids) {
     check(hex, get_oidlen(oid.subid, oid.count),
           [&value = oid](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, value.subid, value.count)); });
   }
+  for (const size_t content : {127u, 128u, 256u, 65535u}) {  // more sub-identifiers than a record has
+    const object_id oid(content + 1, 1);
+    check(to_hex(tlv(0x06, octets{41} + octets(content - 1, 1))), get_oidlen(oid.data(), oid.size()),
+          [&](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, oid.data(), oid.size())); });
+  }
+  captured_log log;
+  const object_id oid(65537, 1);
+  check("06", 1, [&](uint8_t* at) { EXPECT_EQ(-1, encode_snmp_oid(at, oid.data(), oid.size())); });
+  EXPECT_EQ(SIZE_MAX, get_oidlen(oid.data(), oid.size()));
+  EXPECT_EQ("3 encode_snmp_oid: OID not convertible\n3 get_oidlen: OID not convertible\n", log.take());
 }
 
 // Writes a text of as many octets as its context says, if it has an encoding.

@@ -498,17 +498,15 @@ size_t oid_content(const uint32_t* subid, size_t count) {
   return content;
 }
 
-// Writes an OID whose encoding takes `size` octets, from its last octet to its first.
-void write_oid(uint8_t* destination, size_t size, const uint32_t* subid, size_t count) {
-  uint8_t* end = destination + size;
-  uint8_t* at = end;
-  for (size_t i = count; i > 2; i--) {
-    uint32_t groups = subid[i - 1];
-    *--at = static_cast<uint8_t>(groups & 0x7F);
-    while ((groups >>= 7) != 0) *--at = static_cast<uint8_t>(groups | 0x80);
+// Writes the groups of a sub-identifier and returns where the next one goes.
+uint8_t* write_subid(uint8_t* at, uint32_t subid) {
+  if (subid >= 0x80) {
+    for (size_t behind = subid_groups(subid) - 1; behind > 0; behind--) {
+      *at++ = static_cast<uint8_t>(subid >> 7 * behind | 0x80);
+    }
   }
-  *--at = static_cast<uint8_t>(subid[0] * 40 + subid[1]);
-  write_header(destination, BER_OBJECT_IDENTIFIER, static_cast<size_t>(end - at));
+  *at++ = static_cast<uint8_t>(subid & 0x7F);
+  return at;
 }
 
 }  // namespace
@@ -524,9 +522,15 @@ size_t get_oidlen(const uint32_t* subid, size_t count) {
 
 int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t count) {
   *destination = BER_OBJECT_IDENTIFIER;  // stands even where the length does not
-  const size_t content = oid_content(subid, count);
-  if (content > BER_MAX_LENGTH) return REFUSE("%s: OID not convertible", __func__);
-  write_oid(destination, header_size(content) + content, subid, count);
+  // An OID of a record has a length of one octet. Only a longer one is measured first.
+  static_assert(1 + 5 * (SNMP_MAX_SUBIDS - 2) < 0x80);
+  const size_t measured = count > SNMP_MAX_SUBIDS ? oid_content(subid, count) : 0;
+  if (measured > BER_MAX_LENGTH) return REFUSE("%s: OID not convertible", __func__);
+  uint8_t* content = destination + header_size(measured);
+  uint8_t* at = content;
+  *at++ = static_cast<uint8_t>(subid[0] * 40 + subid[1]);
+  for (size_t i = 2; i < count; i++) at = write_subid(at, subid[i]);
+  write_header(destination, BER_OBJECT_IDENTIFIER, static_cast<size_t>(at - content));
   return 0;
 }
 
@@ -589,7 +593,7 @@ int32_t encode_snmp_varbind(tail_writer* out, const snmp_varbind* varbind) {
   const size_t oid_size = get_oidlen(varbind->oid.subid, varbind->oid.count);
   room = make_room(out, oid_size);
   if (room == nullptr) return REFUSE("%s: no space in buffer for OID", varbind_name);
-  write_oid(room, oid_size, varbind->oid.subid, varbind->oid.count);
+  if (encode_snmp_oid(room, varbind->oid.subid, varbind->oid.count) != 0) return -1;
 
   const size_t content = end - out->position;
   if (content > BER_MAX_LENGTH) return -1;
