@@ -8,13 +8,17 @@
 // ---- Lookups -----------------------------------------------------------------------------------
 //
 // A lookup scans the whole table, and comparing every item's OID in full would take long. So it
-// reads only two neighbouring sub-identifiers of each item, as one number of 64 bits: a pair. It
-// knows between which bounds that pair lies in every item that can be the answer. Only an item
-// whose pair is within the bounds is compared in full.
+// reads only two neighbouring sub-identifiers of each item, as one number of 64 bits: a pair. In
+// every item that can be the answer, this pair lies between two known values: the window. Only an
+// item whose pair lies in the window is compared in full.
 //
-// Example: the successor of 1.3.6.1.9.4 is wanted, and the best item so far is 1.3.6.1.9.7. The
-// answer begins with 1.3.6.1.9 too, and its sixth sub-identifier is 4 to 7. So the pair of its
-// fifth and sixth is 9.4 to 9.7. An item 1.3.6.1.8.5 has the pair 8.5 and is passed over.
+// For example, the successor of the first OID is wanted, and the second is the best item so far.
+// The answer lies between them, so its fifth and sixth sub-identifiers are 9.4 to 9.7. The third is
+// another item. It is passed over.
+//
+//   1.3.6.1.9.4    9.4, the window's low end
+//   1.3.6.1.9.7    9.7, its high end
+//   1.3.6.1.8.5    8.5, outside
 
 namespace {
 
@@ -37,7 +41,7 @@ uint64_t pair_or(const snmp_oid* oid, uint64_t at, uint32_t missing) {
 
 // The first position where the two OIDs differ or one of them ends. Most have a long prefix in
 // common. It is compared in steps of a fixed size, each of which compiles to a few instructions.
-uint64_t parting(const snmp_oid* a, const snmp_oid* b) {
+uint64_t first_difference(const snmp_oid* a, const snmp_oid* b) {
   constexpr uint64_t step = 8;
   const uint64_t shorter = std::min(a->count, b->count);
   uint64_t at = 0;
@@ -49,7 +53,7 @@ uint64_t parting(const snmp_oid* a, const snmp_oid* b) {
   return at;
 }
 
-// Whether a comes before b. `at` is where they part, as parting() gives it.
+// Whether a comes before b. `at` is their first difference.
 bool precedes(const snmp_oid* a, const snmp_oid* b, uint64_t at) {
   return at < b->count && (at == a->count || a->subid[at] < b->subid[at]);
 }
@@ -60,25 +64,26 @@ int32_t store(const snmp_item* item, const snmp_item** found) {
 }
 
 // The values that the pair at position `at` may have: low to high, both included.
-struct bounds {
+struct pair_window {
   uint64_t at;
   uint64_t low;
   uint64_t high;
 };
 
-// The first item from `item` on whose pair is within the bounds, or end.
-const snmp_item* first_within(const bounds& telling, const snmp_item* item, const snmp_item* end) {
-  const uint64_t at = telling.at;
-  const uint64_t low = telling.low;
-  const uint64_t range = telling.high - low;
+// The first item from `item` on whose pair lies in the window, or end.
+const snmp_item* first_within(const pair_window& window, const snmp_item* item,
+                              const snmp_item* end) {
+  const uint64_t at = window.at;
+  const uint64_t low = window.low;
+  const uint64_t range = window.high - low;
   return std::find_if(item, end, [=](const snmp_item& candidate) {
     return pair_at(&candidate.oid, at) - low <= range;
   });
 }
 
-// The bounds of an OID equal to this one, for the pair that holds the sub-identifier at `at`. The
+// The window of an OID equal to this one, for the pair that holds the sub-identifier at `at`. The
 // pair begins at an even position, so that it never lies across two cache lines.
-bounds bounds_of(const snmp_oid* oid, uint64_t at) {
+pair_window window_of(const snmp_oid* oid, uint64_t at) {
   at -= at % 2;
   return {at, pair_or(oid, at, 0), pair_or(oid, at, UINT32_MAX)};
 }
@@ -86,7 +91,7 @@ bounds bounds_of(const snmp_oid* oid, uint64_t at) {
 }  // namespace
 
 int32_t compare_oid(const snmp_oid* a, const snmp_oid* b) {
-  const uint64_t at = parting(a, b);
+  const uint64_t at = first_difference(a, b);
   return precedes(a, b, at) ? -1 : precedes(b, a, at) ? 1 : 0;
 }
 
@@ -96,22 +101,23 @@ int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_o
                        const snmp_item** found) {
   if (item_count == 0) return store(nullptr, found);
   const snmp_item* end = items + item_count;
-  bounds telling = bounds_of(oid, std::max<uint64_t>(oid->count, 1) - 1);
-  for (const snmp_item* item = items; (item = first_within(telling, item, end)) != end; item++) {
-    const uint64_t at = parting(&item->oid, oid);
+  pair_window window = window_of(oid, std::max<uint64_t>(oid->count, 1) - 1);
+  for (const snmp_item* item = items;; item++) {
+    item = first_within(window, item, end);
+    if (item == end) return store(nullptr, found);
+    const uint64_t at = first_difference(&item->oid, oid);
     if (at < oid->count) {
-      telling = bounds_of(oid, at);
+      window = window_of(oid, at);
     } else if (item->oid.count == oid->count) {
       return store(item, found);
     }
   }
-  return store(nullptr, found);
 }
 
 namespace {
 
 bool follows(const snmp_item* item, const snmp_oid* oid) {
-  return precedes(oid, &item->oid, parting(oid, &item->oid));
+  return precedes(oid, &item->oid, first_difference(oid, &item->oid));
 }
 
 // The search for the smallest item that follows an OID. An item between the OID and the best item
@@ -120,26 +126,26 @@ bool follows(const snmp_item* item, const snmp_oid* oid) {
 struct successor_search {
   const snmp_oid* oid;
   const snmp_item* best;
-  uint64_t parted = 0;  // the position where oid and best part
-  bounds telling = {};
+  uint64_t difference = 0;  // the first one of oid and best
+  pair_window window = {};
 
   void look_at(const snmp_item* item) {
-    const uint64_t at = parting(oid, &item->oid);
+    const uint64_t at = first_difference(oid, &item->oid);
     if (precedes(oid, &item->oid, at) && compare_oid(&item->oid, &best->oid) <= 0) {
       best = item;
-      parted = at;
+      difference = at;
     }
-    tell_by(at);
+    narrow(at);
   }
 
-  // Sets the bounds for the items to come. `at` is where the last item and the OID part. The pair
-  // there tells the next items from the OID too, because neighbours in a table are alike. A pair
-  // behind `parted` has no bounds, so the pair at `parted` is the last that can be read.
-  void tell_by(uint64_t at) {
-    const bool covered = at == telling.at || at == telling.at + 1;
-    at = std::min({covered ? telling.at : at, parted, last_pair});
+  // Sets the window for the items to come. `at` is the first difference of the last item and the
+  // OID. The pair there tells the next items from the OID too, because neighbours in a table are
+  // alike. Nothing is known of a pair behind `difference`, so the pair there is the last to read.
+  void narrow(uint64_t at) {
+    const bool covered = at == window.at || at == window.at + 1;
+    at = std::min({covered ? window.at : at, difference, last_pair});
     const uint64_t highest = pair_at(&best->oid, at);
-    telling = {at, pair_or(oid, at, 0), at == parted ? highest | UINT32_MAX : highest};
+    window = {at, pair_or(oid, at, 0), at == difference ? highest | UINT32_MAX : highest};
   }
 };
 
@@ -155,9 +161,9 @@ int32_t find_next_snmp_item(const snmp_item* items, uint32_t item_count, const s
   successor_search search = {oid, end - 1};
   search.look_at(end - 1);
   // An equal item before it takes its place as best, and it takes the place back at its own turn.
-  for (const snmp_item* item = items; (item = first_within(search.telling, item, end)) != end;
-       item++) {
+  for (const snmp_item* item = items;; item++) {
+    item = first_within(search.window, item, end);
+    if (item == end) return store(search.best, found);
     search.look_at(item);
   }
-  return store(search.best, found);
 }
