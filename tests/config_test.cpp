@@ -82,6 +82,8 @@ TEST_F(configuration, accepted_lines) {
   line("ITEM_x, metertype, FAST");
   EXPECT_EQ(0u, module.bindings[0].fast);
   EXPECT_EQ("05 00", served(0)) << "without a type";
+  for (int i = 0; i < 300; i++) line("General, include, /nowhere");
+  log.take();
   for (int i = 0; i < 20; i++) line("General, include, /dev/null");
   EXPECT_EQ("", log.take());
 }

@@ -284,6 +284,8 @@ struct key_line {
   SNMP_LOG(level, "%s(%s, %s, %s, %s" what, "ini_handler_cb", (line).context->name, \
            (line).section, (line).key, (line).value __VA_OPT__(, ) __VA_ARGS__)
 
+constexpr int file_not_opened = -1;  // a result of ini_parse
+
 constexpr string_view item_prefix = "ITEM_";
 constexpr string_view int_prefix = "int:";
 constexpr string_view uint_prefix = "uint:";
@@ -412,21 +414,6 @@ void apply_item_key(const key_line& line, snmp_module* module, const char* name)
   }
 }
 
-int32_t read_config_file(torvasin_plugin_context* context, const char* path) {
-  SNMP_LOG(TRACE, "parsing %s", path);
-  const int result = ini_parse(path, ini_handler_cb, context);
-  if (result > 0) {
-    SNMP_LOG(WARNING, "problem parsing %s (line first error: %d)", path, result);
-    return -1;
-  }
-  if (result < 0) {
-    SNMP_LOG(ERROR, "error %d parsing %s", result, path);
-    return -1;
-  }
-  SNMP_LOG(TRACE, "read %s", path);
-  return 0;
-}
-
 // Reads one sub-identifier and the dot behind it, if there is one. Moves *text past them.
 bool read_subid(const char** text, uint32_t* subid) {
   char* end;
@@ -507,11 +494,22 @@ int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
              MAX_OPEN_FILES, MAX_FILES);
     return -1;
   }
+  SNMP_LOG(TRACE, "parsing %s", path);
   module->files_read++;
   module->open_files++;
-  const int32_t result = read_config_file(context, path);
+  const int result = ini_parse(path, ini_handler_cb, context);
   module->open_files--;
-  return result;
+  if (result == file_not_opened) module->files_read--;
+  if (result > 0) {
+    SNMP_LOG(WARNING, "problem parsing %s (line first error: %d)", path, result);
+    return -1;
+  }
+  if (result < 0) {
+    SNMP_LOG(ERROR, "error %d parsing %s", result, path);
+    return -1;
+  }
+  SNMP_LOG(TRACE, "read %s", path);
+  return 0;
 }
 
 // ---- Poller ------------------------------------------------------------------------------------

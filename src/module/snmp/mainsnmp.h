@@ -124,7 +124,8 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user);
 
 // Reads a file, and the files that it includes, into the module. A faulty line is reported and left
 // out; all other lines hold. Returns -1 when the file cannot be read, when one of its lines is no
-// ini line, or when MAX_OPEN_FILES files are open or MAX_FILES have been read already.
+// ini line, or when MAX_OPEN_FILES files are open or MAX_FILES have been read already. A file that
+// cannot be opened does not count.
 int32_t parse_config_file(torvasin_plugin_context* context, const char* path);
 
 // inih's callback for one key line. user is the context. Always returns 1, so that inih goes on.
