@@ -104,7 +104,7 @@ void release_items(snmp_module* module);
 // The snmp_value_writers of the item types. The context is the item's snmp_meter_binding. Each call
 // applies the item's formula to its raw value. A result outside the type's range becomes the
 // nearest number in it, NaN becomes 0, and a fraction is cut off. The string writer fails when it
-// is to write a text above BER_MAX_LENGTH.
+// is to write a text above BER_MAX_LENGTH. None of them logs that a value does not fit.
 int32_t encode_item_int(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
 int32_t encode_item_uint(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
 int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_out, void* context);
