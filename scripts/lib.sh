@@ -8,10 +8,22 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
 build_packages=(cmake g++ libcli11-dev libinih-dev libspdlog-dev ninja-build)
+clang_packages=(clang-19 libclang-rt-19-dev llvm-19) # for the sanitizers and the fuzz targets
 
 # Runs a command with the privileges of root.
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# Runs a command that downloads, three times if need be. Shows what it printed only if it fails.
+thrice() {
+  local try output
+  for try in 1 2 3; do
+    ! output=$("$@" 2>&1) || return 0
+    [ $try -eq 3 ] || sleep $((5 * try))
+  done
+  printf '%s\n' "$output" >&2
+  return 1
 }
 
 # Installs the Debian packages that are missing, quietly, and asks for nothing.
@@ -23,15 +35,17 @@ need_packages() {
   done
   [ ${#missing[@]} -gt 0 ] || return 0
   printf 'Installing %s\n' "${missing[*]}"
-  as_root apt-get update -qq
-  as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  thrice as_root apt-get update
+  thrice as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
-# Configures a CMake preset once and brings its build up to date.
+# Configures a CMake preset once and brings its build up to date. Shows the progress on a terminal.
 build_preset() {
+  local quiet=()
+  [ -t 1 ] || { printf 'Building build/%s\n' "$1" && quiet=(-- --quiet); }
   [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
-  cmake --build "build/$1"
+  cmake --build "build/$1" "${quiet[@]}"
 }
 
 # sources NAME...: the files of the tree, but for builds, whose names match one of the patterns.
@@ -45,16 +59,14 @@ sources() {
 #
 # A script that starts some has `trap stop_servers EXIT`, and `rm -rf` of their logs behind it.
 
-servers=() # the processes to end
-
 bound() { # PORT: whether a UDP socket of this machine has it
   grep -q "$(printf ':%04X ' "$1")" /proc/net/udp
 }
 
-# Sets `port` to a UDP port that nobody has.
+# Sets `port` to a UDP port that nobody has, another one in each script that runs now.
 choose_port() {
-  port=$((20000 + RANDOM % 10000))
-  ! bound "$port" || choose_port
+  port=$((20000 + $$ % 10000))
+  while bound "$port"; do port=$((20000 + RANDOM % 10000)); done
 }
 
 # start_server LOG COMMAND...: runs a server that is to bind `port`, and waits until it does. Sets
@@ -63,7 +75,6 @@ start_server() {
   local log=$1 try
   "${@:2}" >"$log" 2>&1 &
   server=$!
-  servers+=("$server")
   for try in {1..300}; do
     kill -0 "$server" 2>/dev/null || break
     ! bound "$port" || return 0
@@ -74,9 +85,11 @@ start_server() {
   return 1
 }
 
-# Ends what start_server started.
+# Ends all that the script has started and that still runs.
 stop_servers() {
-  [ ${#servers[@]} -eq 0 ] || kill "${servers[@]}" 2>/dev/null || true
+  local left
+  left=$(jobs -p)
+  # shellcheck disable=SC2086
+  [ -z "$left" ] || kill $left 2>/dev/null || true
   wait
-  servers=()
 }

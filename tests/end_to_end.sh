@@ -25,7 +25,6 @@ end_host() {
   timeout 5 tail -s 0.1 --pid="$server" -f /dev/null || kill -KILL "$server"
   ended=0
   wait "$server" || ended=$?
-  servers=()
   [ $((${EPOCHREALTIME/./} - from)) -le 2000000 ] || ended+=' late'
 }
 

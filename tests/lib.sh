@@ -1,12 +1,14 @@
 # shellcheck shell=bash
 # Sourced by the shell tests: what the scripts share, a scratch directory to work in, which ends with the test, `expect`
-# and `finish`.
+# and `finish`. No setting of the user or the machine reaches the programs that a test runs.
 
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../scripts/lib.sh"
 scratch=$(mktemp -d)
 trap 'stop_servers; rm -rf "$scratch"' EXIT
 cd "$scratch"
+mkdir -p .snmp/cert_indexes # net-snmp tells of each directory that it makes
+export HOME=$scratch SNMP_PERSISTENT_DIR=$scratch/.snmp SNMPCONFPATH=$scratch MIBDIRS='' MIBS='' LC_ALL=C TZ=UTC
 
 failures=0
 expect() { # TITLE EXPECTED GOT

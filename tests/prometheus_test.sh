@@ -11,7 +11,6 @@ start_server log "$1/bin/torvasin_host" --conf-file agent.ini
 # A TCP port may be taken that is no UDP port, so several are tried.
 for exporter in "127.0.0.1:$((port + 10000))" "127.0.0.1:$((port + 10001))"; do
   prometheus-snmp-exporter --config.file="$1/examples/snmp.yml" --web.listen-address="$exporter" >exporter.log 2>&1 &
-  servers+=($!)
   for _ in {1..50}; do
     curl -sf -m 5 -o metrics "http://$exporter/snmp?module=torvasin&target=127.0.0.1:$port" &&
       grep -q "^hostname{hostname=\"$(uname -n)\"} 1" metrics && break 2
