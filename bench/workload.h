@@ -1,9 +1,11 @@
-// What the benchmarks and the load generator ask for.
+// What the benchmarks and the load generator ask for, and the test table that answers it.
 
 #ifndef TORVASIN_BENCH_WORKLOAD_H
 #define TORVASIN_BENCH_WORKLOAD_H
 
 #include <algorithm>
+#include <numeric>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -11,7 +13,32 @@
 
 namespace torvasin_bench {
 
-constexpr std::size_t many = 20;  // OIDs of a get20, repetitions of a bulk20
+// The OIDs of the test table, which ascend: columns of 100 rows, both counted from 1.
+inline std::vector<object_id> table_oids(std::uint32_t count) {
+  std::vector<object_id> oids;
+  for (std::uint32_t i = 0; i < count; i++) {
+    oids.push_back({1, 3, 6, 1, 4, 1, 32473, 1, 2, i / 100 + 1, i % 100 + 1, 0});
+  }
+  return oids;
+}
+
+// Its items as a configuration has them: in turn a uint, an int, a uint with a formula and a
+// string.
+inline std::string table_ini(std::uint32_t count, bool shuffled = false) {
+  static constexpr const char* kinds[] = {
+      "type = uint:1234567\nmeter = memory.available_kib\n",
+      "type = int:-12345\nmeter = memory.available_change_kib\n",
+      "type = uint:1\nmeter = system.load1\ncomputeformula = value*8/100+1\n",
+      "type = string:2001-02-03T04:05:06\nmeter = system.local_time\n"};
+  std::vector<std::string> sections;
+  for (const object_id& oid : table_oids(count)) {
+    const std::size_t i = sections.size();
+    sections.push_back("[ITEM_" + std::to_string(i) + "]\noid = " + dotted(oid) +
+                       "\nmetertype = fast\n" + kinds[i % std::size(kinds)]);
+  }
+  if (shuffled) std::ranges::shuffle(sections, std::mt19937(1));
+  return std::accumulate(sections.begin(), sections.end(), std::string());
+}
 
 enum class request_kind {
   get1,   // GET of one OID
@@ -19,48 +46,36 @@ enum class request_kind {
   next1,  // GETNEXT of one OID
   bulk20  // GETBULK of one OID, 20 repetitions
 };
+constexpr std::size_t many = 20;
 
 constexpr std::uint8_t pdu_tag(request_kind kind) {
   if (kind == request_kind::bulk20) return 0xA5;
   return kind == request_kind::next1 ? 0xA1 : 0xA0;
 }
+constexpr std::uint8_t response_tag = 0xA2;
 
 // The request-id of the requests made, in four octets, for a sender to replace.
 constexpr std::uint8_t placeholder_id[] = {0x80, 0, 0, 0};
 
-// The OID of an item of a test table, which ascends with the index: columns of 100 rows, both
-// counted from 1.
-inline object_id table_oid(std::uint32_t index) {
-  return {1, 3, 6, 1, 4, 1, 32473, 1, 2, index / 100 + 1, index % 100 + 1, 0};
-}
-
-// `count` indices from 0 to last, both among them, in even steps.
-inline std::vector<std::size_t> spread(std::size_t count, std::size_t last) {
-  std::vector<std::size_t> indices(count);
-  for (std::size_t i = 0; i < count; i++) indices[i] = i * last / (count - 1);
-  return indices;
-}
-
-// Requests of a kind, to be asked in turn. What they ask for is spread over the OIDs, which are
-// those of a table in ascending order, at least one: a get20 does so in one message; a next1 and a
-// bulk20 start where 1 or 20 more follow, or at the first OID when there are not that many.
+// Requests of a kind, to be asked in turn. What they ask for is spread in even steps over the OIDs,
+// which ascend, at least one. A next1 and a bulk20 start where 1 or 20 more follow, or at the first
+// OID when there are not that many.
 inline std::vector<octets> make_requests(request_kind kind, const std::vector<object_id>& oids) {
   request_parts parts = {
       .pdu_tag = pdu_tag(kind), .id = "02 04 " + to_hex(placeholder_id), .varbinds = ""};
   if (kind == request_kind::bulk20) parts.third = to_hex(tlv(0x02, {many}));
-  std::size_t last = oids.size() - 1;
-  if (kind == request_kind::get20) {
-    for (const std::size_t i : spread(many, last)) parts.varbinds += null_varbind(oids[i]);
-    return {build(parts)};
-  }
-  if (kind == request_kind::next1) last -= std::min<std::size_t>(last, 1);
-  if (kind == request_kind::bulk20) last -= std::min(last, many);
+  const std::size_t follow = kind == request_kind::bulk20 ? many : kind == request_kind::next1;
+  const std::size_t last = oids.size() - 1 - std::min(oids.size() - 1, follow);
   std::vector<octets> requests;
-  for (const std::size_t i : spread(16, last)) {
-    parts.varbinds = null_varbind(oids[i]);
+  std::string all;
+  for (std::size_t i = 0; i < many; i++) {
+    parts.varbinds = null_varbind(oids[i * last / (many - 1)]);
     requests.push_back(build(parts));
+    all += parts.varbinds;
   }
-  return requests;
+  if (kind != request_kind::get20) return requests;
+  parts.varbinds = all;
+  return {build(parts)};
 }
 
 }  // namespace torvasin_bench
