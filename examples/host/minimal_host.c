@@ -1,23 +1,26 @@
-// The least that a host of the module needs, in C11. docs/integrating.md explains the contracts.
-//
-//   minimal_host LIBRARY CONFIGURATION
-//
-// It starts one instance and publishes two meters until SIGINT or SIGTERM: host.seconds (unsigned,
-// fast: every second) and host.program (text, slow: every ten seconds). The main thread does all of
-// it. The module's own thread, which answers requests, calls torvasin_log and nothing else here.
+// The least that a host of the module needs, in C11. torvasin.h is the contract that it keeps.
+// Usage: minimal_host LIBRARY CONFIGURATION. Until SIGINT or SIGTERM it publishes host.seconds
+// (unsigned, fast: every second) and host.program (text, slow: every ten seconds). The main thread
+// does all of it.
 
-#define _POSIX_C_SOURCE 200809L
+#define _XOPEN_SOURCE 700
+#include <ctype.h>
 #include <dlfcn.h>
+#include <poll.h>
+#include <pthread.h>
+#include <search.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 #include <torvasin.h>
+#include <unistd.h>
 
-// One fprintf writes the whole line, so lines of several threads do not mix.
+// Writes a line if standard error takes it at once, and drops it if not: a log must not wait. A
+// pipe that is ready has room for PIPE_BUF octets; the lock keeps them for one thread.
 void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...) {
+  static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   (void)flag;
   if (level < TORVASIN_LOG_WARNING) return;
   char text[1024];
@@ -25,30 +28,27 @@ void torvasin_log(int level, const char* source, int line, int flag, const char*
   va_start(arguments, format);
   vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  fprintf(stderr, "%d %s:%d %s\n", level, source, line, text);
+  for (char* at = text; *at != '\0'; at++) *at = iscntrl((unsigned char)*at) ? '?' : *at;
+  pthread_mutex_lock(&lock);
+  struct pollfd output = {.fd = STDERR_FILENO, .events = POLLOUT};
+  poll(&output, 1, 0);
+  if (output.revents == POLLOUT) dprintf(output.fd, "%d %s:%d %s\n", level, source, line, text);
+  pthread_mutex_unlock(&lock);
 }
 
-// A size of 0 gets a block too: null means that there is no memory.
-void* torvasin_malloc(size_t size) { return malloc(size > 0 ? size : 1); }
-void* torvasin_realloc(void* memory, size_t size) { return realloc(memory, size > 0 ? size : 1); }
+void* torvasin_malloc(size_t size) { return malloc(size); }
+void* torvasin_realloc(void* memory, size_t size) { return realloc(memory, size); }
 void torvasin_free(void* memory) { free(memory); }
 
-struct kept_text {
-  struct kept_text* next;
-  char characters[];
-};
+static int compare(const void* one, const void* other) { return strcmp(one, other); }
 
 // The host's copy of a text. Each distinct text is kept once, until the process ends, so the module
 // may move and free value records. A host whose texts change often must free those replaced.
 static const char* keep(const char* text) {
-  static struct kept_text* first;
-  struct kept_text* kept = first;
-  while (kept != NULL && strcmp(kept->characters, text) != 0) kept = kept->next;
-  if (kept != NULL) return kept->characters;
-  if ((kept = malloc(sizeof *kept + strlen(text) + 1)) == NULL) return "";
-  kept->next = first;
-  first = kept;
-  return strcpy(kept->characters, text);
+  static void* kept;
+  char** found = tfind(text, &kept, compare);
+  if (found == NULL && (text = strdup(text)) != NULL) found = tsearch(text, &kept, compare);
+  return found != NULL ? *found : "";
 }
 
 void torvasin_valueInitUInt32(torvasin_value* value, uint32_t number) {
@@ -94,9 +94,9 @@ int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* 
   return 0;
 }
 
-// One registration a speed is enough for one instance. Only the main thread adds, calls and removes
-// callbacks: there is no lock, and no call is running when a callback is removed. A host with meter
-// threads guards its registrations with a lock, and a removal waits for the running calls.
+// One registration a speed is enough for one instance. The main thread adds, calls and removes
+// callbacks, so there is no lock, and no call to wait for when one is removed. A host with meter
+// threads needs both.
 static struct registration {
   torvasin_meter_callback callback;  // null when there is none
   void* user;
@@ -131,19 +131,17 @@ int main(int argc, char** argv) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   sigprocmask(SIG_BLOCK, &signals, NULL);
-
   torvasin_plugin_context context = {.name = "snmp"};
   const torvasin_value file = {TORVASIN_TEXT, {.text = argv[2]}};
+  const torvasin_value program = {TORVASIN_TEXT, {.text = argv[0]}};
   const torvasin_key_value_list settings[] = {{"conf_file", file}, {.key = NULL}};
   if (entry->startCycle(&context, settings) != 0) return 1;
   entry->startThread(&context);
-  const torvasin_value program = {TORVASIN_TEXT, {.text = argv[0]}};
-  uint32_t seconds = 0;
+  torvasin_value seconds = {TORVASIN_UINT32, {.uint32 = 0}};
   do {
-    publish(TORVASIN_FAST, "host.seconds", (torvasin_value){TORVASIN_UINT32, {.uint32 = seconds}});
-    if (seconds++ % 10 == 0) publish(TORVASIN_SLOW, "host.program", program);
+    publish(TORVASIN_FAST, "host.seconds", seconds);
+    if (seconds.payload.uint32++ % 10 == 0) publish(TORVASIN_SLOW, "host.program", program);
   } while (sigtimedwait(&signals, NULL, &(struct timespec){.tv_sec = 1}) < 0);
-
   entry->preStopCycle(&context);
   entry->stopCycle(&context, 0);
   return dlclose(library) == 0 ? 0 : 1;
