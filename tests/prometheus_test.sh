@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
-# The example, scraped and walked by name with what the build has made from it.
+# The example, scraped by the installed exporter and walked by name with what the build has made from it.
 # Usage: prometheus_test.sh BUILD_DIRECTORY EXAMPLE_CONFIGURATION
 
 # shellcheck source=tests/lib.sh
 . "$(dirname "$0")/lib.sh"
 
+form=$1/examples/snmp.yml
+[ "$(prometheus-snmp-exporter --version 2>&1 | sed -n 's/.*version 0\.\([0-9]*\).*/\1/p')" -ge 23 ] || form=$1/examples/snmp-0.21.yml
 choose_port
 printf '[General]\ninclude = %s\nport = %d\n' "$2" "$port" >agent.ini
 start_server log "$1/bin/torvasin_host" --conf-file agent.ini
 # A TCP port may be taken that is no UDP port, so several are tried.
 for exporter in "127.0.0.1:$((port + 10000))" "127.0.0.1:$((port + 10001))"; do
-  prometheus-snmp-exporter --config.file="$1/examples/snmp.yml" --web.listen-address="$exporter" >exporter.log 2>&1 &
+  prometheus-snmp-exporter --config.file="$form" --web.listen-address="$exporter" >exporter.log 2>&1 &
   for _ in {1..50}; do
     curl -sf -m 5 -o metrics "http://$exporter/snmp?module=torvasin&target=127.0.0.1:$port" &&
       grep -q "^hostname{hostname=\"$(uname -n)\"} 1" metrics && break 2

@@ -7,37 +7,38 @@
 #ifndef TORVASIN_CONFIG_CONFIG_H
 #define TORVASIN_CONFIG_CONFIG_H
 
-#include <spdlog/fmt/fmt.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <compare>
 #include <ctime>
-#include <deque>
+#include <functional>
 #include <map>
-#include <optional>
-#include <stdexcept>
+#include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "host/meters.h"
 #include "host/report.h"
+#include "module/snmp/config_keys.h"
 #include "module/snmp/mainsnmp.h"
 
 namespace torvasin_config {
 
 using torvasin_host::printable;
 
-// ---- The configuration -------------------------------------------------------------------------
+std::string in_quotes(std::string_view text);  // in printable form, between apostrophes
+
+// ---- Files and findings ------------------------------------------------------------------------
 
 enum severity { error, warning, note };
 
-// A line of a file: an index into configuration::lines. 0 is the first file as a whole.
-using place = std::size_t;
-
-struct source_line {
-  const std::string* file;
-  std::size_t number;  // from 1; 0 for the file as a whole
+struct place {
+  std::size_t file;  // index into findings::files
+  std::size_t line;  // from 1; 0 for the file as a whole
+  auto operator<=>(const place&) const = default;
 };
 
 struct finding {
@@ -46,76 +47,102 @@ struct finding {
   std::string text;  // printable
 };
 
-struct section {
-  place at;                         // where it begins first
-  std::optional<std::size_t> item;  // index of the item that it made
+struct findings {
+  std::vector<std::string> files;  // names, in the order of reading
+  std::vector<finding> all;        // in the order of their places
+  std::time_t changed = 0;         // the latest change of a file
+
+  template <typename... types>
+  void add(place at, severity kind, fmt::format_string<types...> format, types&&... values) {
+    all.insert(std::ranges::upper_bound(all, at, {}, &finding::at),
+               {at, kind, fmt::format(format, std::forward<types>(values)...)});
+  }
+  std::size_t count(severity kind) const;
+  std::string counted(severity kind) const;  // "1 error", "2 errors"
+  std::string text(place at) const;          // "FILE:LINE", or "FILE"
+  void print(std::ostream& out) const;
 };
 
-enum item_key { key_oid, key_meter, key_metertype, key_type, key_formula, item_keys };
-
-// What the files say of an item; the module's tables, at the same index, say what it came to.
-struct item_source {
-  place section;                      // where its section begins first
-  std::array<place, item_keys> keys;  // the last line of each key; the section's for none
-  std::string formula;                // the last one that compiled; empty for none
-  bool refuses;                       // the type takes no value of the meter
+// What inih makes of a line. The texts are valid during the call that hands them over.
+struct ini_line {
+  place at;
+  const char* section;  // cut where inih cuts it, but not where it begins
+  const char* key;      // null where the section begins
+  const char* value;
 };
 
-struct unreadable_file : std::runtime_error {
-  using std::runtime_error::runtime_error;
+// Reads a file, hands over each section and key, and adds findings about lines that are neither.
+// Needs a few hundred octets of memory, however long a file or a line is. Returns why the file
+// cannot be read, or an empty text. `take` may throw.
+std::string read_ini(const std::string& path, findings& found,
+                     const std::function<void(const ini_line&)>& take);
+
+// ---- Meters ------------------------------------------------------------------------------------
+
+struct listed_meter {
+  std::string name;
+  place at;
+  std::uint32_t speed;  // enum torvasin_speed
+  std::uint32_t type;   // enum torvasin_value_type
+  std::uint32_t
+      counts;  // 1 if it only grows, and starts again from 0 after its greatest number; else 0
+  std::string description;
 };
 
+// The meters that items can have.
+struct meter_list {
+  bool known;  // else nothing is to be said of meters
+  bool live;   // they are those of torvasin_host on this machine, and are read
+  std::vector<listed_meter> all;
+
+  const listed_meter* find(std::string_view name) const;  // or null
+};
+
+meter_list own_meters();
+
+// Reads an ini file with a section for each meter of another host. An error in `found` says that
+// the list is of no use. Returns as read_ini does.
+std::string read_meters(const std::string& path, findings& found, meter_list& list);
+
+// ---- The configuration -------------------------------------------------------------------------
+
+struct item {
+  place section;                                        // where its section begins first
+  std::array<place, std::size(item_key_names)> places;  // the last of each key, else the section's
+  std::string formula;                                  // the one in force; empty for none
+
+  // What it came to in the module's tables, once all is read.
+  const snmp_item* served;
+  const snmp_meter_binding* binding;
+  const listed_meter* meter;  // the known one of the binding's name, or null
+
+  place& at(item_key key) { return places[static_cast<std::size_t>(key)]; }
+  bool typed() const { return served->writer != encode_null; }
+};
+
+// Reads a file and those that it includes. Live meters give each item the value that they have now.
+// Only one may exist at a time: it takes the module's log.
 struct configuration {
-  // Reads a file and those that it includes, links the items, gives each the value that the meters
-  // of this host have now, and collects the findings. Throws unreadable_file when the file cannot
-  // be read. Only one may exist at a time: it takes the module's log.
-  explicit configuration(const std::string& path);
+  configuration(const std::string& path, const meter_list& meters);
   configuration(const configuration&) = delete;  // the tables point to the module
   ~configuration();
 
-  template <typename... arguments>
-  void report(place at, severity kind, std::string_view format, const arguments&... all) {
-    const auto next = std::ranges::upper_bound(findings, at, {}, &finding::at);
-    findings.insert(next, {at, kind, fmt::format(fmt::runtime(format), all...)});
-  }
-  std::size_t count(severity kind) const;
-  std::string place_text(place at) const;  // "FILE:LINE", or "FILE" where there is no line
-
-  // The items that have an OID, by it; of equal ones, the first in the tables comes first.
-  std::vector<std::size_t> in_oid_order() const;
-
+  const meter_list& meters;
+  std::string fault;  // why the file cannot be read; empty if it was
+  findings found;
+  std::vector<item> items;                             // in the order of the module's tables
+  std::map<std::string, place, std::less<>> sections;  // where each gives its first key
   snmp_module module{};
   torvasin_plugin_context context{"snmp", nullptr, {}, &module};
-  std::vector<item_source> items;
-  std::vector<finding> findings;  // in the order of their places
-  std::deque<std::string> files;  // names, in the order of reading
-  std::vector<source_line> lines;
-  std::map<std::string, section, std::less<>> sections;
-  std::deque<std::string> link_messages;  // in brackets, in the order of the items
-  std::time_t changed = 0;                // the latest change of a file
 };
 
-// ---- Findings ----------------------------------------------------------------------------------
+// The items that have an OID, by it; of equal ones, the first in the tables comes first.
+std::vector<item*> in_oid_order(configuration& config);
 
-// One key line, when the module has handled it.
-struct key_line {
-  place at;
-  std::string_view section, key, value;
-  std::optional<std::size_t> item;
-  std::string refusal;  // the module's message in brackets, if it refused the line
-};
+// Adds findings about items.
+void check_items(configuration& config);
 
-void check_unknown_section(configuration& config, place section_at, const key_line& line);
-void check_key(configuration& config, const key_line& line);  // and keeps its place
-void check_items(configuration& config);                      // when they have their values
-
-// ---- Items and texts ---------------------------------------------------------------------------
-
-// A text in printable form, between apostrophes.
-std::string in_quotes(std::string_view text);
-
-// What an item answers a request with: the value in the octets of its writer, as text. Empty when
-// the writer refuses.
+// What an item answers a request with, as text; empty when there is no encoding for it.
 std::string serve(const snmp_item& item);
 
 std::string dotted(const snmp_oid& oid);
@@ -123,13 +150,12 @@ std::string dotted(const snmp_oid& oid);
 // Whether the agent reads an OID in a request as it is meant: its first two numbers share an octet.
 bool can_be_named(const snmp_oid& oid);
 
-// The host's meter of a name, or null.
-const torvasin_host::meter* find_meter(std::string_view name);
-
 // ---- Output, to standard output. Throws std::runtime_error when there is no item for it. --------
 
-void print_mib(const configuration& config, const std::string& module_name);
-void print_prometheus(const configuration& config);
+void print_mib(configuration& config, const std::string& module_name);
+
+// In the form that prometheus-snmp-exporter reads since 0.23, or in the one before.
+void print_prometheus(configuration& config, bool old_form);
 
 }  // namespace torvasin_config
 

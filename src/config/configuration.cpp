@@ -1,288 +1,250 @@
-#include <ini.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// Reads a configuration into the module, and says what is odd about its lines.
+
+#include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <span>
-#include <utility>
+#include <new>
 
 #include "config/config.h"
 #include "host/key_value_list.h"
 #include "host/log.h"
 #include "host/memory.h"
+#include "host/meters.h"
 
 namespace torvasin_config {
 namespace {
 
 using std::string_view;
 
-std::deque<std::string> logged;  // what the module has logged, each in brackets behind a blank
+constexpr string_view item_prefix = "ITEM_";
 
-// ---- Files -------------------------------------------------------------------------------------
+// ---- Values ------------------------------------------------------------------------------------
 
-// What inih makes of a line that stands by itself.
-struct judgement {
-  bool faulty;
-  std::optional<std::string> section;  // that it begins
-  std::string key, value;              // of a key line
+// What is odd or wrong about a key line, to stand behind it; no text when nothing is.
+struct remark {
+  severity kind;
+  std::string text;
 };
 
-judgement judge(string_view line) {
-  static constexpr char outside[] = "\1";  // no names that anybody gives
-  static constexpr char mark[] = "\2";
-  judgement result{};
-  const auto take = [](void* user, const char* section, const char* key, const char* value) {
-    auto* made = static_cast<judgement*>(user);
-    if (std::strcmp(key, mark) != 0) {
-      made->key = key;
-      made->value = value;
-    } else if (std::strcmp(section, outside) != 0) {
-      made->section = section;
-    }
-    return 1;
-  };
-  const std::string text = fmt::format("[{}]\n{}\n{}=\n", outside, line, mark);
-  result.faulty = ini_parse_string(text.c_str(), take, &result) != 0;
-  return result;
+remark refused(string_view wanted) {
+  return {error, fmt::format(" is refused: {}", wanted)};
 }
 
-// Reads one file: hands it to inih in pieces, a line or as much of it as inih has room for, and the
-// key lines that inih finds to the module.
-class reading {
- public:
-  reading(configuration& config, const std::string& path) : config_(config) {
-    const std::string fault = torvasin_host::file_fault(path);
-    if (!fault.empty()) throw unreadable_file("cannot read " + in_quotes(path) + ": " + fault);
-    std::ifstream file(path, std::ios::binary);
-    content_.assign(std::istreambuf_iterator<char>(file), {});
-    text_ = content_;
-    struct stat status = {};
-    if (stat(path.c_str(), &status) == 0) {
-      config.changed = std::max(config.changed, status.st_mtime);
-    }
-    file_ = &config.files.emplace_back(path);
-    if (config.lines.empty()) config.lines.push_back({file_, 0});
-  }
+template <std::size_t count>
+remark no_such_key(const string_view (&names)[count]) {
+  return {error, fmt::format(": there is no such key: write one of {}", fmt::join(names, ", "))};
+}
 
-  void run() {
-    const std::size_t zero = text_.find('\0');
-    if (zero != string_view::npos) {
-      begin_line(1 + static_cast<std::size_t>(std::ranges::count(text_.substr(0, zero), '\n')));
-      return config_.report(here_, error, "an octet of 0: this is no text file, and not checked");
-    }
-    config_.module.files_read++;
-    config_.module.open_files++;
-    ini_parse_stream(
-        [](char* room, int size, void* self) {
-          return static_cast<reading*>(self)->next_piece(room, static_cast<std::size_t>(size));
-        },
-        this,
-        [](void* self, const char* section, const char* key, const char* value) {
-          static_cast<reading*>(self)->take_key(section, key, value);
-          return 1;
-        },
-        this);
-    config_.module.open_files--;
-  }
+remark about_cut(string_view value, string_view taken) {
+  if (value == taken) return {};
+  return {warning, " is cut to " + in_quotes(taken)};
+}
 
- private:
-  void begin_line(std::size_t number) {
-    here_ = config_.lines.size();
-    config_.lines.push_back({file_, number});
-  }
+remark about_address(string_view value, const char* taken) {
+  const in_addr address = {inet_addr(taken)};
+  in_addr plain{};
+  if (value != taken) return about_cut(value, taken);
+  if (address.s_addr == INADDR_NONE) return {warning, ": nobody can ask there: write four numbers"};
+  if (inet_pton(AF_INET, taken, &plain) == 1) return {};
+  return {warning, fmt::format(" is read as {}: write four plain numbers", inet_ntoa(address))};
+}
 
-  char* next_piece(char* room, std::size_t size) {
-    if (keyless_) end_piece();
-    keyless_ = true;
-    if (text_.empty()) return nullptr;
-    const std::size_t length = std::min(text_.find('\n'), text_.size() - 1) + 1;
-    const bool begins_line = piece_.empty() || piece_.back() == '\n';
-    if (begins_line) begin_line(config_.lines[here_].number + 1);
-    if (begins_line && length >= size) {
-      config_.report(here_, warning,
-                     "of {} octets in this line {} are read, the rest as more lines", length,
-                     size - 1);
-    }
-    piece_ = text_.substr(0, std::min(length, size - 1));
-    text_.remove_prefix(piece_.size());
-    room[piece_.copy(room, size)] = '\0';
-    constexpr string_view byte_order_mark = "\xEF\xBB\xBF";  // inih skips it
-    if (++piece_number_ == 1 && piece_.starts_with(byte_order_mark)) piece_.remove_prefix(3);
-    return room;
-  }
+// The module reads the number that the value begins with, and keeps as much as it has bits for.
+remark about_number(const char* value, std::int64_t taken) {
+  char* end = nullptr;
+  const std::int64_t number = std::strtoll(value, &end, 10);
+  if (*end != '\0') return {warning, fmt::format(" is read as {}: leave out what follows", taken)};
+  if (number != taken) return {warning, fmt::format(" is out of range and read as {}", taken)};
+  return {};
+}
 
-  // A piece without a key is blank, a comment, a section or at fault. Of the pieces of a line that
-  // is cut, one is enough to report.
-  void end_piece() {
-    const judgement line = judge(piece_);
-    if (line.section) {
-      enter(*line.section);
-      if (piece_[piece_.find('[') + 1 + line.section->size()] != ']') {
-        config_.report(here_, warning, "the name is cut to {}", in_quotes(*line.section));
+remark about_first_value(const char* value, const torvasin_value& taken) {
+  const char* colon = std::strchr(value, ':');
+  if (colon == nullptr || taken.type == TORVASIN_TEXT) return {};
+  const bool is_signed = taken.type == TORVASIN_INT32;
+  return about_number(colon + 1,
+                      is_signed ? taken.payload.int32 : std::int64_t{taken.payload.uint32});
+}
+
+// A comma stands between arguments when no operator can stand in its place.
+remark about_commas(std::string formula, const te_variable* variable) {
+  for (char& letter : formula) {
+    if (letter != ',') continue;
+    letter = '+';
+    te_expr* sum = te_compile(formula.c_str(), variable, 1, nullptr);
+    letter = ',';
+    te_free(sum);
+    if (sum == nullptr) continue;
+    return {warning, ": what stands before the comma is lost; write a fraction with a point"};
+  }
+  return {};
+}
+
+// ---- Keys --------------------------------------------------------------------------------------
+
+std::string read_file(configuration& config, const std::string& path);
+
+// Whether the module takes a line. It logs what it does not take.
+bool apply(configuration& config, const ini_line& line) {
+  bool taken = true;
+  const auto sink = [](const torvasin_host::log_record&, void* to) { *static_cast<bool*>(to) = 0; };
+  torvasin_host::set_log_sink(sink, &taken);
+  ini_handler_cb(&config.context, line.section, line.key, line.value);
+  torvasin_host::set_log_sink(nullptr, nullptr);
+  return taken;
+}
+
+remark take_general_key(configuration& config, const ini_line& line) {
+  const auto key = find_key<general_key>(general_key_names, line.key);
+  const bool taken = key == general_key::include || apply(config, line);
+  switch (key) {
+    case general_key::ip:
+      return about_address(line.value, config.module.ip);
+    case general_key::port:
+      if (!taken) return refused("write a number from 0 to 65535");
+      return about_number(line.value, config.module.port);
+    case general_key::include:
+      if (const std::string fault = read_file(config, line.value); !fault.empty()) {
+        return refused(fault);
       }
-    }
-    if (!line.faulty || fault_ == here_) return;
-    std::string message;
-    if (fault_ == 0) {  // the module logs the first one of a file
-      message = fmt::format(" (problem parsing {} (line first error: {}))", printable(*file_),
-                            piece_number_);
-    }
-    fault_ = here_;
-    config_.report(here_, error, "{} is no [section], key = value or ; comment{}",
-                   in_quotes(piece_.substr(0, piece_.find_last_not_of("\r\n") + 1)), message);
+      return {};
+    case general_key::unknown:
+      break;
   }
+  return no_such_key(general_key_names);
+}
 
-  void enter(const std::string& name) {
-    const auto [at, fresh] = config_.sections.try_emplace(name, section{here_, {}});
-    section_ = &*at;
-    section_at_ = here_;
-    refused_ = false;
-    // [General] may well be spread over files.
-    const place first = at->second.at;
-    if (fresh || (name == "General" && config_.lines[first].file != file_)) return;
-    config_.report(here_, warning, "[{}] is at {} already: the keys below add to that one",
-                   printable(name), config_.place_text(first));
+remark take_item_key(configuration& config, const ini_line& line) {
+  const bool taken = apply(config, line);
+  snmp_module& module = config.module;
+  if (config.items.size() < module.item_count) {
+    const place at = config.sections.find(line.section)->second;
+    config.items.emplace_back().section = at;
+    config.items.back().places.fill(at);
   }
-
-  void take_key(const char* section, const char* key, const char* value) {
-    keyless_ = false;
-    if (section_ == nullptr || section_->first != section) enter(section);
-    key_line line = {here_, section, key, value, {}, {}};
-    const judgement alone = judge(piece_);
-    if (alone.key != key || alone.value != value) {
-      config_.report(here_, warning,
-                     "an indented line continues the one before: {} is taken for a value of {}; "
-                     "begin a key in the first column",
-                     in_quotes(value), in_quotes(key));
-    }
-    if (line.section == "General" && line.key == "include" && include(line)) return;
-    logged.clear();
-    ini_handler_cb(&config_.context, section, key, value);
-    if (!logged.empty()) line.refusal = logged.back();
-    auto& [at, item] = section_->second;
-    if (config_.module.item_count > config_.items.size()) {
-      item = config_.items.size();
-      config_.items.push_back({at, {}, {}, false});
-      config_.items.back().keys.fill(at);
-    }
-    line.item = item;
-    if (line.item || line.section == "General") {
-      check_key(config_, line);
-    } else if (!std::exchange(refused_, true)) {
-      check_unknown_section(config_, section_at_, line);
-    }
+  const std::int32_t i = get_or_create_item(&module, line.section + item_prefix.size());
+  if (i < 0) throw std::bad_alloc();
+  const snmp_meter_binding& binding = module.bindings[i];
+  item& item = config.items[static_cast<std::size_t>(i)];
+  const auto key = find_key<item_key>(item_key_names, line.key);
+  if (key != item_key::unknown) item.at(key) = line.at;
+  switch (key) {
+    case item_key::meter:
+      return about_cut(line.value, binding.meter);
+    case item_key::metertype:
+      if (line.value == string_view("fast") || line.value == string_view("slow")) return {};
+      return {warning, " counts as slow: write fast or slow"};
+    case item_key::type:
+      if (taken) return about_first_value(line.value, binding.value);
+      return refused("write int, uint or string, or one with a first value, as in int:-5");
+    case item_key::computeformula:
+      item.formula = taken ? line.value : "";
+      if (taken) return about_commas(line.value, &module.formula_vars);
+      return refused("write it over 'value', as in value*100");
+    case item_key::oid:
+      if (taken) return {};
+      return refused("write up to 19 numbers with dots between them, the first two as in 1.3");
+    case item_key::unknown:
+      break;
   }
+  return no_such_key(item_key_names);
+}
 
-  // False when the module itself is to say why it does not read the file.
-  bool include(const key_line& line) {
-    const snmp_module& module = config_.module;
-    if (module.open_files == MAX_OPEN_FILES || module.files_read == MAX_FILES) return false;
-    const std::string path(line.value);
-    try {
-      reading(config_, path).run();
-    } catch (const unreadable_file& failure) {
-      if (access(path.c_str(), R_OK) != 0) return false;
-      config_.report(line.at, error, "{}", failure.what());
-    }
-    return true;
-  }
+// ---- Sections and files ------------------------------------------------------------------------
 
-  configuration& config_;
-  std::string content_;
-  const std::string* file_;       // its name
-  string_view text_;              // what is left of it
-  string_view piece_;             // the latest
-  std::size_t piece_number_ = 0;  // inih takes these for lines
-  place here_ = 0;                // the line of the piece
-  bool keyless_ = false;          // the piece has given no key so far
-  place fault_ = 0;               // the line of the latest piece at fault
-  std::pair<const std::string, section>* section_ = nullptr;
-  place section_at_ = 0;  // where it begins here
-  bool refused_ = false;  // the section has been reported as unknown
+enum section_kind { unknown, refused_once, general, an_item };
+
+// The section that the lines of a file are in.
+struct open_section {
+  std::string name;
+  place at;  // where it begins here; line 0 before the first one
+  section_kind kind;
 };
 
-// ---- Items -------------------------------------------------------------------------------------
-
-// The module's pass ends at the first item without an OID. The others are linked by a second one,
-// in which all have one; what it logs no agent will log.
-void link(configuration& config) {
-  const std::span items(config.module.items, config.module.item_count);
-  logged.clear();
-  link_snmp_items(&config.module);
-  config.link_messages = std::exchange(logged, {});
-  for (snmp_item& item : items) ++item.oid.count;
-  link_snmp_items(&config.module);
-  for (snmp_item& item : items) --item.oid.count;
+void begin_section(configuration& config, open_section& open, string_view name, place at) {
+  const bool named = name.starts_with(item_prefix) && name != item_prefix;
+  open = {std::string(name), at, name == "General" ? general : named ? an_item : unknown};
+  const auto [first, fresh] = config.sections.try_emplace(open.name, at);
+  // [General] may well be spread over files.
+  if (fresh || (open.kind == general && first->second.file != at.file)) return;
+  config.found.add(at, warning, "[{}] is at {} already: the keys below add to that one",
+                   printable(name), config.found.text(first->second));
 }
 
-// Notes which items do not take the values of a list, tried on copies of them, whatever their
-// speed.
-void try_items(configuration& config, const torvasin_key_value_list& list) {
-  const snmp_module& module = config.module;
-  std::vector<snmp_meter_binding> copies(module.bindings, module.bindings + module.item_count);
-  for (snmp_meter_binding& copy : copies) copy.fast = TORVASIN_FAST;
-  snmp_module trial{};
-  trial.bindings = copies.data();
-  trial.item_count = module.item_count;
-  refresh_items(&trial, &list, TORVASIN_FAST);
-  for (std::size_t i = 0; i < copies.size(); ++i) {
-    if (list.find(copies[i].meter) != nullptr) config.items[i].refuses = copies[i].refreshed == 0;
+void take_key(configuration& config, open_section& open, const ini_line& line) {
+  if (open.at.line == 0) {
+    begin_section(config, open, line.section, line.at);
+  } else if (open.name != line.section) {
+    config.found.add(open.at, warning, "the name is cut to {}", in_quotes(line.section));
+    begin_section(config, open, line.section, open.at);
+  }
+  if (open.kind == unknown) {
+    open.kind = refused_once;
+    config.found.add(open.at, error,
+                     "the keys of [{}] are refused: write [General], or [ITEM_] with a name",
+                     printable(open.name));
+  }
+  if (open.kind == refused_once) return;
+  const std::string label = fmt::format("[{}] {} = {}", printable(line.section),
+                                        printable(line.key), printable(line.value));
+  const auto [kind, text] =
+      open.kind == general ? take_general_key(config, line) : take_item_key(config, line);
+  if (!text.empty()) config.found.add(line.at, kind, "{}{}", label, text);
+  if (line.value[0] == '#' || std::strstr(line.value, " #") != nullptr) {
+    config.found.add(line.at, warning, "{}: the # is part of the value; a comment begins with ;",
+                     label);
   }
 }
 
-void refresh(configuration& config) {
+// Returns as read_ini does.
+std::string read_file(configuration& config, const std::string& path) {
+  snmp_module& module = config.module;
+  if (module.open_files == MAX_OPEN_FILES || module.files_read == MAX_FILES) {
+    return fmt::format("more than {} files inside one another or {} in all", MAX_OPEN_FILES,
+                       MAX_FILES);
+  }
+  open_section open{};
+  module.files_read++;
+  module.open_files++;
+  const std::string fault = read_ini(path, config.found, [&](const ini_line& line) {
+    if (line.key != nullptr) return take_key(config, open, line);
+    begin_section(config, open, line.section, line.at);
+  });
+  module.open_files--;
+  if (!fault.empty()) module.files_read--;  // which counts those that were opened
+  return fault;
+}
+
+void refresh(snmp_module& module) {
   torvasin_host::meter_state state;
   for (const torvasin_speed speed : {TORVASIN_SLOW, TORVASIN_FAST}) {
     torvasin_key_value_list list;
     sample_meters(speed, state, list);
-    try_items(config, list);
-    refresh_items(&config.module, &list, speed);
+    refresh_items(&module, &list, speed);
   }
 }
 
 }  // namespace
 
-configuration::configuration(const std::string& path) {
-  torvasin_host::set_log_level(TORVASIN_LOG_WARNING);
-  const auto keep = [](const torvasin_host::log_record& record, void*) {
-    logged.push_back(" (" + printable(record.text) + ")");
-  };
-  torvasin_host::set_log_sink(keep, nullptr);
+configuration::configuration(const std::string& path, const meter_list& known) : meters(known) {
+  torvasin_host::set_log_level(TORVASIN_LOG_ERROR);
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
-  reading(*this, path).run();
-  link(*this);
-  refresh(*this);
-  check_items(*this);
+  fault = read_file(*this, path);
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    module.items[i].writer_ctx = &module.bindings[i];
+    items[i].served = &module.items[i];
+    items[i].binding = &module.bindings[i];
+    items[i].meter = meters.find(module.bindings[i].meter);
+  }
+  if (meters.live) refresh(module);
+  if (fault.empty()) check_items(*this);
 }
 
 configuration::~configuration() {
-  torvasin_host::set_log_sink(nullptr, nullptr);
   release_items(&module);
   torvasin_host::release_all_texts();
-}
-
-std::size_t configuration::count(severity kind) const {
-  return static_cast<std::size_t>(std::ranges::count(findings, kind, &finding::kind));
-}
-
-std::string configuration::place_text(place at) const {
-  const auto& [file, number] = lines[at];
-  return printable(*file) + (number > 0 ? ":" + std::to_string(number) : "");
-}
-
-std::vector<std::size_t> configuration::in_oid_order() const {
-  std::vector<std::size_t> order;
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    if (module.items[i].oid.count > 0) order.push_back(i);
-  }
-  std::ranges::sort(order, [this](std::size_t a, std::size_t b) {
-    const int relation = compare_oid(&module.items[a].oid, &module.items[b].oid);
-    return relation < 0 || (relation == 0 && a < b);
-  });
-  return order;
 }
 
 }  // namespace torvasin_config

@@ -1,8 +1,9 @@
 // torvasin_config: checks a configuration of the agent, and gives names to what it serves.
 
 #include <CLI/CLI.hpp>
+#include <cctype>
 #include <iostream>
-#include <regex>
+#include <optional>
 
 #include "config/config.h"
 
@@ -11,88 +12,122 @@ namespace {
 
 enum exit_status { exit_good = 0, exit_fault = 1, exit_unusable = 2 };
 
-constexpr const char* severity_names[] = {"error", "warning", "note"};
-
-std::string counted(const configuration& config, severity kind) {
-  const std::size_t count = config.count(kind);
-  return fmt::format("{} {}{}", count, severity_names[kind], count == 1 ? "" : "s");
-}
+struct options {
+  std::string command;
+  std::string path;
+  std::optional<std::string> meters;  // a file; else those of torvasin_host
+  bool no_meters = false;
+  bool strict = false;
+  bool quiet = false;
+  std::string name = "TORVASIN-MIB";
+  std::string exporter = "0.28";
+};
 
 exit_status fail(exit_status status, const std::string& message) {
   std::cerr << "torvasin_config: " << message << '\n';
   return status;
 }
 
-torvasin_host::table_row row_of(const configuration& config, std::size_t i) {
-  const snmp_meter_binding& binding = config.module.bindings[i];
-  const snmp_item& item = config.module.items[i];
-  const std::string formula = binding.formula != nullptr ? config.items[i].formula : "";
-  const char* type = item.writer == encode_null ? ""
-                     : binding.type == ITEM_STRING
-                         ? "string"
-                         : torvasin_host::type_name(static_cast<torvasin_value_type>(binding.type));
-  torvasin_host::table_row row = {
-      binding.name, dotted(item.oid), type, binding.meter, torvasin_host::speed_name(binding.fast),
-      formula,      serve(item)};
+exit_status unreadable(const std::string& path, const std::string& fault) {
+  return fail(exit_unusable, "cannot read " + in_quotes(path) + ": " + fault);
+}
+
+torvasin_host::table_row row_of(const item& item) {
+  constexpr const char* types[] = {"uint", "int", "", "string"};
+  const snmp_meter_binding& binding = *item.binding;
+  torvasin_host::table_row row = {binding.name,
+                                  dotted(item.served->oid),
+                                  item.typed() ? types[binding.type] : "",
+                                  binding.meter,
+                                  torvasin_host::speed_name(binding.fast),
+                                  item.formula,
+                                  serve(*item.served)};
   for (std::string& cell : row) cell = cell.empty() ? "-" : printable(cell);
   return row;
 }
 
-std::string name_fault(const std::string& name) {
-  static const std::regex legal("[A-Z][A-Za-z0-9]*(-[A-Za-z0-9]+)*");
-  constexpr std::size_t longest = 32;
-  if (name.size() <= longest && std::regex_match(name, legal)) return "";
-  return in_quotes(name) + " is no name for a MIB, such as SITE-MIB";
+exit_status check(const configuration& config, const options& given) {
+  const findings& found = config.found;
+  found.print(std::cout);
+  if (!given.quiet) {
+    std::vector<torvasin_host::table_row> rows = {
+        {"ITEM", "OID", "TYPE", "METER", "METERTYPE", "FORMULA", "SERVES NOW"}};
+    for (const item& each : config.items) rows.push_back(row_of(each));
+    if (rows.size() > 1) torvasin_host::print_table(rows);
+    std::cout << fmt::format("{}, {}, {}\n", found.counted(error), found.counted(warning),
+                             found.counted(note));
+  }
+  const std::size_t faults = found.count(error) + (given.strict ? found.count(warning) : 0);
+  return faults == 0 ? exit_good : exit_fault;
 }
 
-void print_check(const configuration& config) {
-  for (const auto& [at, kind, text] : config.findings) {
-    std::cout << fmt::format("{}: {}: {}\n", config.place_text(at), severity_names[kind], text);
+exit_status run(const options& given) {
+  const bool checks = given.command == "check";
+  meter_list meters = given.no_meters ? meter_list{} : own_meters();
+  if (given.meters) {
+    findings found;
+    const std::string fault = read_meters(*given.meters, found, meters);
+    if (!fault.empty()) return unreadable(*given.meters, fault);
+    found.print(checks ? std::cout : std::cerr);
+    if (found.count(error) > 0) return exit_unusable;
   }
-  std::vector<torvasin_host::table_row> rows = {
-      {"ITEM", "OID", "TYPE", "METER", "METERTYPE", "FORMULA", "SERVES NOW"}};
-  for (std::size_t i = 0; i < config.items.size(); ++i) rows.push_back(row_of(config, i));
-  if (rows.size() > 1) torvasin_host::print_table(rows);
-  std::cout << fmt::format("{}, {}, {}\n", counted(config, error), counted(config, warning),
-                           counted(config, note));
-}
-
-exit_status run(const std::string& command, const std::string& path, const std::string& name) {
-  const configuration config(path);
-  if (command == "check") {
-    print_check(config);
-    return config.count(error) + config.count(warning) == 0 ? exit_good : exit_fault;
-  }
-  if (config.count(error) > 0) {
+  configuration config(given.path, meters);
+  if (!config.fault.empty()) return unreadable(given.path, config.fault);
+  if (checks) return check(config, given);
+  if (config.found.count(error) > 0) {
     return fail(exit_fault, fmt::format("{} has {}, which torvasin_config check shows",
-                                        printable(path), counted(config, error)));
+                                        printable(given.path), config.found.counted(error)));
   }
-  command == "mib" ? print_mib(config, name) : print_prometheus(config);
+  given.command == "mib" ? print_mib(config, given.name)
+                         : print_prometheus(config, given.exporter == "0.21");
   return exit_good;
 }
 
+std::string name_fault(const std::string& name) {
+  constexpr std::size_t longest = 32;
+  const auto legal = [](unsigned char letter) { return std::isalnum(letter) || letter == '-'; };
+  if (name.size() <= longest && std::isupper(static_cast<unsigned char>(name[0])) &&
+      std::ranges::all_of(name, legal) && name.find("--") == std::string::npos &&
+      name.back() != '-') {
+    return "";
+  }
+  return in_quotes(name) + " is no name for a MIB, such as SITE-MIB";
+}
+
 exit_status run(int argc, char** argv) {
-  std::string path;
-  std::string name = "TORVASIN-MIB";
+  options given;
   CLI::App app("Checks a configuration of the SNMP agent, and names what it serves.",
                "torvasin_config");
   app.require_subcommand(1);
   const auto add = [&](const char* command, const char* words) {
     CLI::App* added = app.add_subcommand(command, words);
-    added->add_option("FILE", path, "Configuration of the agent")->required();
+    added->add_option("FILE", given.path, "Configuration of the agent")->required();
+    CLI::Option* meters =
+        added->add_option("--meters", given.meters, "File that lists the meters of the host")
+            ->type_name("FILE");
+    added->add_flag("--no-meters", given.no_meters, "Leave out what depends on meters")
+        ->excludes(meters);
     return added;
   };
-  add("check", "Say what is wrong in FILE, and what it serves");
-  CLI::Option* name_option = add("mib", "Print a MIB")->add_option("--name", name, "Its name");
-  name_option->check(name_fault)->capture_default_str();
-  add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter");
+  CLI::App* check = add("check", "Say what is wrong in FILE, and what it serves");
+  check->add_flag("--strict", given.strict, "Exit with 1 for warnings too");
+  check->add_flag("--quiet", given.quiet, "Print nothing but what is wrong");
+  add("mib", "Print a MIB")
+      ->add_option("--name", given.name, "Its name")
+      ->check(name_fault)
+      ->capture_default_str();
+  add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter")
+      ->add_option("--exporter", given.exporter, "Its version: 0.21 for all before 0.23")
+      ->check(CLI::IsMember({"0.21", "0.28"}))
+      ->capture_default_str();
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return exit_good;
   }
-  return run(app.get_subcommands()[0]->get_name(), path, name);
+  given.command = app.get_subcommands()[0]->get_name();
+  return run(given);
 }
 
 }  // namespace
@@ -105,8 +140,6 @@ int main(int argc, char** argv) {
     return std::cout.flush() ? status : fail(exit_fault, "cannot write the output");
   } catch (const CLI::ParseError& failure) {
     return fail(exit_unusable, printable(failure.what()));
-  } catch (const unreadable_file& failure) {
-    return fail(exit_unusable, failure.what());
   } catch (const std::exception& failure) {
     return fail(exit_fault, failure.what());
   }

@@ -1,11 +1,10 @@
 // The subcommands mib and prometheus: names for the items.
 
-#include <spdlog/fmt/chrono.h>
+#include <fmt/chrono.h>
 
 #include <algorithm>
 #include <cctype>
 #include <iostream>
-#include <regex>
 #include <set>
 #include <stdexcept>
 
@@ -38,61 +37,57 @@ std::string camel_case(std::string_view text) {
   return result.empty() || std::isdigit(result[0]) != 0 ? "item" + result : result;
 }
 
-// Names of the items by index. No two are alike but for the case, and none is the reserved one or a
-// word that readers of MIBs keep for themselves. Of an item's 44 characters at most, all are below
-// the 64 that SMI allows.
-std::vector<std::string> unique_names(const configuration& config, const std::string& reserved) {
-  std::set<std::string> used = {"iso",      "ccitt",     "current",  "deprecated",
-                                "obsolete", "mandatory", "optional", lower_case(reserved)};
-  std::map<std::string, unsigned> alike;  // how many could not have a name
-  std::vector<std::string> names;
-  for (std::size_t i = 0; i < config.items.size(); ++i) {
-    const std::string base = camel_case(config.module.bindings[i].name);
-    std::string name = base;
-    while (!used.insert(lower_case(name)).second) {
-      name = base + std::to_string(++alike[lower_case(base)] + 1);
-    }
-    names.push_back(name);
-  }
-  return names;
-}
-
 // An item with all that is said of it.
 struct named_item {
   std::string name;
   const snmp_oid* oid;
-  const snmp_meter_binding* binding;
-  bool counts;        // only grows, and starts again from 0
-  std::string words;  // its meter, what that is, and the formula; printable
+  std::uint32_t type;  // enum snmp_item_type
+  bool counts;         // only grows, and starts again from 0
+  std::string words;   // its meter, what that is, and the formula
 };
 
+named_item describe(const item& item, const std::string& name, bool meters_known) {
+  const snmp_meter_binding& binding = *item.binding;
+  const bool is_uint = binding.type == ITEM_UINT;
+  const bool counts =
+      is_uint && item.formula.empty() && item.meter != nullptr && item.meter->counts != 0;
+  std::string words = is_uint && !counts && meters_known ? "A gauge: " : "";
+  if (item.meter != nullptr && !item.meter->description.empty())
+    words += item.meter->description + "; ";
+  words += *binding.meter != '\0' ? fmt::format("meter {}", binding.meter) : "a fixed value";
+  if (!item.formula.empty()) words += ", formula " + item.formula;
+  return {name, &item.served->oid, binding.type, counts, words};
+}
+
 // The items that can have a name, in the order of their OIDs. Why the others cannot is added to
-// `left_out`, a line for each behind the mark of a comment.
-std::vector<named_item> name_items(const configuration& config, const std::string& reserved,
+// `left_out`, a line for each behind the mark of a comment. No two names are alike but for the
+// case, and none is the reserved one or a word that readers of MIBs keep for themselves. Of an
+// item's 44 characters at most, all are below the 64 that SMI allows.
+std::vector<named_item> name_items(configuration& config, const std::string& reserved,
                                    const char* mark, std::string& left_out) {
+  std::set<std::string> used = {"iso",      "ccitt",     "current",  "deprecated",
+                                "obsolete", "mandatory", "optional", lower_case(reserved)};
+  std::map<const item*, std::string> names;  // given in the order of the file
+  for (const item& each : config.items) {
+    std::string& name = names[&each] = camel_case(each.binding->name);
+    const std::string base = name;
+    for (unsigned n = 2; !used.insert(lower_case(name)).second; ++n)
+      name = base + std::to_string(n);
+  }
   std::vector<named_item> named;
-  const auto names = unique_names(config, reserved);
-  for (const std::size_t i : config.in_oid_order()) {
-    const snmp_item& item = config.module.items[i];
-    const snmp_meter_binding& binding = config.module.bindings[i];
+  for (const item* each : in_oid_order(config)) {
+    const snmp_oid& oid = each->served->oid;
     const char* reason = nullptr;
-    if (item.writer == encode_null) reason = "has no type";
-    if (!can_be_named(item.oid)) reason = "has an OID that no request can name";
-    if (!named.empty() && compare_oid(named.back().oid, &item.oid) == 0) {
+    if (!each->typed()) reason = "has no type";
+    if (!can_be_named(oid)) reason = "has an OID that no request can name";
+    if (!named.empty() && compare_oid(named.back().oid, &oid) == 0) {
       reason = "has the OID of another item";
     }
     if (reason != nullptr) {
-      left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[i], reason);
-      continue;
+      left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[each], reason);
+    } else {
+      named.push_back(describe(*each, names[each], config.meters.known));
     }
-    const torvasin_host::meter* source = find_meter(binding.meter);
-    const bool counts = source != nullptr && source->counts && binding.type == ITEM_UINT &&
-                        binding.formula == nullptr;
-    std::string words = binding.type == ITEM_UINT && !counts ? "A gauge: " : "";
-    if (source != nullptr) words.append(source->description).append("; ");
-    words += *binding.meter != '\0' ? fmt::format("meter {}", binding.meter) : "a fixed value";
-    if (binding.formula != nullptr) words += ", formula " + config.items[i].formula;
-    named.push_back({names[i], &item.oid, &binding, counts, printable(words)});
   }
   return named;
 }
@@ -162,7 +157,7 @@ std::string smi_text(std::string text) {
   for (char& letter : text) {
     if (letter < 0 || letter == '"') letter = '\'';
   }
-  return text;
+  return printable(text);
 }
 
 // 0 the module, 1 its identity, 2 when it changed, 3 the file, 4 the value of the identity.
@@ -184,9 +179,27 @@ IMPORTS
     ::= {4}
 )";
 
+// ---- Prometheus --------------------------------------------------------------------------------
+
+// What is before the metrics; the exporter asks for ten OIDs at a time.
+constexpr char old_head[] = R"(# For prometheus-snmp-exporter before 0.23; made by torvasin_config.
+{}torvasin:
+    version: 2
+    auth:
+      community: public
+)";
+constexpr char new_head[] = R"(# For prometheus-snmp-exporter since 0.23; made by torvasin_config.
+{}auths:
+  public_v2:
+    version: 2
+    community: public
+modules:
+  torvasin:
+)";
+
 }  // namespace
 
-void print_mib(const configuration& config, const std::string& module_name) {
+void print_mib(configuration& config, const std::string& module_name) {
   std::string subject = lower_case(module_name);
   if (subject.ends_with("-mib")) subject.resize(subject.rfind('-'));
   const std::string identity = camel_case(subject);
@@ -195,14 +208,14 @@ void print_mib(const configuration& config, const std::string& module_name) {
   const auto all = define(items, left_out);
   if (all.empty()) throw std::runtime_error("there is no item for a MIB");
   const snmp_oid arc = identity_arc(all);
-  const std::string& path = config.files[0];
-  std::cout << fmt::format(mib_head, module_name, identity, stamp(config.changed),
-                           smi_text(printable(path.substr(path.rfind('/') + 1))),
+  const std::string& path = config.found.files[0];
+  std::cout << fmt::format(mib_head, module_name, identity, stamp(config.found.changed),
+                           smi_text(path.substr(path.rfind('/') + 1)),
                            value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
   for (const auto& [item, node, scalar] : all) {
-    const char* syntax = item->binding->type == ITEM_UINT  ? "Counter32"
-                         : item->binding->type == ITEM_INT ? "Integer32"
-                                                           : "OCTET STRING";
+    const char* syntax = item->type == ITEM_UINT  ? "Counter32"
+                         : item->type == ITEM_INT ? "Integer32"
+                                                  : "OCTET STRING";
     std::cout << '\n' << item->name << (scalar ? " OBJECT-TYPE\n" : " OBJECT-IDENTITY\n");
     if (scalar) std::cout << "    SYNTAX      " << syntax << "\n    MAX-ACCESS  read-only\n";
     std::cout << "    STATUS      current\n    DESCRIPTION \"" << smi_text(item->words)
@@ -211,36 +224,31 @@ void print_mib(const configuration& config, const std::string& module_name) {
   std::cout << '\n' << left_out << (left_out.empty() ? "" : "\n") << "END\n";
 }
 
-// ---- Prometheus --------------------------------------------------------------------------------
-
-void print_prometheus(const configuration& config) {
-  constexpr unsigned oids_at_once = 10;
-  static const std::regex special("[\"\\\\]");  // in a text of YAML
+void print_prometheus(configuration& config, bool old_form) {
   std::string left_out;
   std::string oids;
   std::string metrics;
   const snmp_oid* above = nullptr;
-  for (const auto& [name, oid, binding, counts, words] : name_items(config, "", "#", left_out)) {
+  for (const auto& [name, oid, type, counts, words] : name_items(config, "", "#", left_out)) {
     // For the exporter it would be an instance of that metric.
     if (above != nullptr && is_below(*oid, *above)) {
       left_out += fmt::format("# {} is left out: its OID is below that of another item.\n", name);
       continue;
     }
     above = oid;
-    const char* type = binding->type == ITEM_STRING ? "DisplayString"
-                       : counts                     ? "counter"
-                                                    : "gauge";
-    oids += fmt::format("    - {}\n", dotted(*oid));
-    const std::string help = std::regex_replace(words, special, "\\$&");
-    metrics += fmt::format("    - name: {}\n      oid: {}\n      type: {}\n      help: \"{}\"\n",
-                           name, dotted(*oid), type, help);
+    oids += fmt::format("      - {}\n", dotted(*oid));
+    metrics +=
+        fmt::format("      - name: {}\n        oid: {}\n        type: {}\n        help: \"{}\"\n",
+                    name, dotted(*oid),
+                    type == ITEM_STRING ? "DisplayString"
+                    : counts            ? "counter"
+                                        : "gauge",
+                    printable(words));
   }
   if (above == nullptr) throw std::runtime_error("there is no item for a metric");
-  std::cout << "# For prometheus-snmp-exporter 0.21; made by torvasin_config.\n"
-            << left_out
-            << "torvasin:\n  version: 2\n  auth:\n    community: public\n  max_repetitions: "
-            << oids_at_once << "\n  get:\n"
-            << oids << "  metrics:\n"
+  std::cout << (old_form ? fmt::format(old_head, left_out) : fmt::format(new_head, left_out))
+            << "    max_repetitions: 10\n    get:\n"
+            << oids << "    metrics:\n"
             << metrics;
 }
 

@@ -1,0 +1,152 @@
+// Ini files, line by line, and the findings about them.
+
+#include <ini.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+
+#include "config/config.h"
+
+namespace torvasin_config {
+namespace {
+
+constexpr const char* severity_names[] = {"error", "warning", "note"};
+constexpr char blanks[] = " \t\n\v\f\r";
+
+// The state of one file while inih reads it.
+struct reading {
+  std::FILE* file;
+  findings& found;
+  const std::function<void(const ini_line&)>& take;
+  place here;        // the latest line
+  std::string line;  // as much of it as inih has room for
+  bool line_end_due = false;
+  bool line_has_key = false;
+  bool section_has_key = false;          // so that an indented line continues it
+  std::exception_ptr failure = nullptr;  // waits until inih, which is C, has returned
+
+  bool read_line(std::size_t room);
+  void end_line();
+  void take_key(const char* section, const char* key, const char* value);
+};
+
+// Reads the next line. False at the end of what can be read.
+bool reading::read_line(std::size_t room) {
+  std::size_t length = 0;
+  bool cut = false;
+  ++here.line;
+  line.clear();
+  for (int octet = 0; octet != '\n' && (octet = std::getc(file)) != EOF; ++length) {
+    if (octet == '\0') {
+      found.add(here, error, "an octet of 0: this is no text file, and not checked");
+      return false;
+    }
+    if (length < room) line += static_cast<char>(octet);
+    cut = cut || (length >= room && std::strchr(blanks, octet) == nullptr);
+  }
+  if (cut)
+    found.add(here, error, "of {} octets in this line {} are read: shorten it", length, room);
+  constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+  if (here.line == 1 && line.starts_with(byte_order_mark)) line.erase(0, byte_order_mark.size());
+  return !line.empty();
+}
+
+// A line without a key is blank, a comment, a section or at fault.
+void reading::end_line() {
+  const std::size_t begin = line.find_first_not_of(blanks);
+  if (line_has_key || begin == std::string::npos || std::strchr(";#", line[begin])) return;
+  const std::string text = line.substr(begin, line.find_last_not_of(blanks) + 1 - begin);
+  const std::size_t bracket = text.find(']');
+  if (text[0] != '[' || bracket >= std::min(text.find(" ;"), text.size())) {
+    found.add(here, error, "{} is no [section], key = value or ; comment", in_quotes(text));
+  } else {
+    section_has_key = false;
+    take({here, text.substr(1, bracket - 1).c_str(), nullptr, nullptr});
+  }
+}
+
+void reading::take_key(const char* section, const char* key, const char* value) {
+  line_has_key = true;
+  if (std::exchange(section_has_key, *key != '\0') && std::strchr(blanks, line[0]) != nullptr) {
+    found.add(here, warning,
+              "an indented line continues the one before: {} is taken for a value of {}; begin a "
+              "key in the first column",
+              in_quotes(value), in_quotes(key));
+  }
+  take({here, section, key, value});
+}
+
+// inih's versions differ in what they make of a line that is longer than their room. They never see
+// one: what has no room is left out, and the end of such a line is handed over by itself.
+char* next_line(char* room, int size, void* user) {
+  auto& state = *static_cast<reading*>(user);
+  if (state.failure) return nullptr;
+  if (std::exchange(state.line_end_due, false)) return std::strcpy(room, "\n");
+  try {
+    state.end_line();
+    state.line_has_key = false;
+    if (!state.read_line(static_cast<std::size_t>(size) - 1)) return nullptr;
+  } catch (...) {
+    state.failure = std::current_exception();
+    return nullptr;
+  }
+  state.line_end_due = state.line.back() != '\n';
+  return std::strcpy(room, state.line.c_str());
+}
+
+int take_key(void* user, const char* section, const char* key, const char* value) {
+  auto& state = *static_cast<reading*>(user);
+  try {
+    state.take_key(section, key, value);
+  } catch (...) {
+    state.failure = std::current_exception();
+  }
+  return 1;
+}
+
+}  // namespace
+
+std::string in_quotes(std::string_view text) {
+  return "'" + printable(text) + "'";
+}
+
+std::size_t findings::count(severity kind) const {
+  return static_cast<std::size_t>(std::ranges::count(all, kind, &finding::kind));
+}
+
+std::string findings::counted(severity kind) const {
+  return fmt::format("{} {}{}", count(kind), severity_names[kind], count(kind) == 1 ? "" : "s");
+}
+
+std::string findings::text(place at) const {
+  return printable(files[at.file]) + (at.line > 0 ? ":" + std::to_string(at.line) : "");
+}
+
+void findings::print(std::ostream& out) const {
+  for (const auto& [at, kind, words] : all) {
+    out << text(at) << ": " << severity_names[kind] << ": " << words << '\n';
+  }
+}
+
+std::string read_ini(const std::string& path, findings& found,
+                     const std::function<void(const ini_line&)>& take) {
+  if (const std::string fault = torvasin_host::file_fault(path); !fault.empty()) return fault;
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                             std::fclose);
+  if (file == nullptr) return std::strerror(errno);
+  reading state = {file.get(), found, take, {found.files.size(), 0}, {}};
+  found.files.push_back(path);
+  ini_parse_stream(next_line, &state, take_key, &state);
+  if (state.failure) std::rethrow_exception(state.failure);
+  struct stat status = {};
+  if (fstat(fileno(file.get()), &status) == 0)
+    found.changed = std::max(found.changed, status.st_mtime);
+  return std::ferror(file.get()) != 0 ? std::strerror(EIO) : "";
+}
+
+}  // namespace torvasin_config
