@@ -2,23 +2,16 @@
 // torvasin_free and the torvasin_valueInit functions of module/torvasin.h, all callable from any
 // thread. One record is one caller's at a time.
 //
-// The allocator is strict, so that nobody comes to rely on luck: fresh memory, the grown tail of a
-// block included, is filled with a non-zero pattern, and torvasin_realloc always moves a block
-// below 128 KiB. A size of 0 counts as 1: a result is null only for want of memory, and a failed
-// torvasin_realloc leaves the old block as it was.
-//
-// Who owns a text: the ADDRESS of the record that holds it. One ordered map, record address ->
-// text, keeps them, and the content of a record is never read, so a record may hold anything before
-// its first init.
-//  - An init at an address releases what that address owned. Its new text may be the old one:
-//    torvasin_valueInitS copies first, and torvasin_valueInitTakeS then leaves it owned.
+// The memory is the C library's. The host adds what a record cannot tell: who owns a text. It is
+// the ADDRESS of the record that holds it. One ordered map, record address -> text, keeps them; the
+// content of a record is never read.
+//  - An init at an address releases what that address owned. Its new text may be the old one.
 //  - torvasin_realloc moves the ownership of every record inside the block with the block, and
 //    releases the texts of the records that a smaller block cuts off.
 //  - torvasin_free releases the texts of the records inside the block.
 //  - release_all_texts, when the engine ends, releases the rest.
-// A record copied by assignment shares the text of the original and does not own it.
-//
-// A null text is kept as an empty one, and so is a text that there is no memory to copy.
+// A record copied by assignment shares the text of the original and does not own it. A null text is
+// kept as an empty one, and so is a text for which there is no memory.
 
 #ifndef TORVASIN_HOST_MEMORY_H
 #define TORVASIN_HOST_MEMORY_H

@@ -1,6 +1,5 @@
 #include "host/meters.h"
 
-#include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -8,11 +7,9 @@
 #include <array>
 #include <cctype>
 #include <cstddef>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -20,42 +17,59 @@
 namespace torvasin_host {
 namespace {
 
-constexpr auto rest_of_line = std::numeric_limits<std::streamsize>::max();
-
 // More than 32 bits, as 4 TiB have in KiB, read as the largest number.
 std::uint32_t clamped(std::uint64_t number) {
   return static_cast<std::uint32_t>(std::min<std::uint64_t>(number, UINT32_MAX));
 }
 
 // A size in KiB from /proc/meminfo.
-std::optional<std::uint32_t> memory_kib(std::string_view wanted) {
-  std::ifstream file("/proc/meminfo");
+std::optional<std::uint32_t> memory_kib(const meter_state& state, std::string_view wanted) {
+  std::istringstream lines(state.content("/proc/meminfo"));
   std::string key;
   std::uint64_t kib = 0;
-  while (file >> key >> kib) {
+  while (lines >> key >> kib) {
     if (key == wanted) return clamped(kib);
-    file.ignore(rest_of_line, '\n');
+    std::getline(lines, key);
   }
   return std::nullopt;
 }
 
+// The meter of such a size.
+template <const char* wanted>
+std::optional<std::uint32_t> memory(meter_state& state) {
+  return memory_kib(state, wanted);
+}
+
+constexpr char available[] = "MemAvailable:";
+constexpr char total[] = "MemTotal:";
+constexpr char swap_free[] = "SwapFree:";
+
+std::optional<std::int32_t> available_change(meter_state& state) {
+  const auto now = memory_kib(state, available);
+  if (!now) return std::nullopt;
+  const std::uint32_t before = std::exchange(state.available_kib, now).value_or(*now);
+  return static_cast<std::int32_t>(*now - before);
+}
+
 // Percent of the time since the reading before, at first since the machine started.
 std::optional<float> cpu_busy(meter_state& state) {
-  std::ifstream file("/proc/stat");
+  std::istringstream numbers(state.content("/proc/stat"));
   std::string key;
-  file >> key;
-  cpu_times now;
+  numbers >> key;
+  std::uint64_t all = 0;
+  std::uint64_t idle = 0;
   // user nice system idle iowait irq softirq steal; what follows is part of user.
   for (int column = 0; column < 8; ++column) {
     std::uint64_t ticks = 0;
-    if (!(file >> ticks)) return std::nullopt;
-    now.all += ticks;
-    if (column == 3 || column == 4) now.idle += ticks;
+    if (!(numbers >> ticks)) return std::nullopt;
+    all += ticks;
+    if (column == 3 || column == 4) idle += ticks;
   }
-  const cpu_times before = std::exchange(state.cpu, now);
-  if (now.all <= before.all || now.idle < before.idle) return std::nullopt;  // iowait can fall
-  const auto idle = static_cast<float>(now.idle - before.idle);
-  return std::max(0.0F, 100 - 100 * idle / static_cast<float>(now.all - before.all));
+  const std::uint64_t all_before = std::exchange(state.all_ticks, all);
+  const std::uint64_t idle_before = std::exchange(state.idle_ticks, idle);
+  if (all <= all_before || idle < idle_before) return std::nullopt;  // iowait can fall
+  const auto idle_since = static_cast<float>(idle - idle_before);
+  return std::max(0.0F, 100 - 100 * idle_since / static_cast<float>(all - all_before));
 }
 
 // What users other than root can still write there.
@@ -65,14 +79,6 @@ std::optional<std::uint32_t> root_available(meter_state&) {
   return error ? std::nullopt : std::optional(clamped(space.available >> 20));
 }
 
-std::optional<std::int32_t> memory_available_change(meter_state& state) {
-  const auto now = memory_kib("MemAvailable:");
-  if (!now) return std::nullopt;
-  const std::uint32_t before = state.available_kib.value_or(*now);
-  state.available_kib = now;
-  return static_cast<std::int32_t>(*now - before);
-}
-
 // Columns of an interface's line in /proc/net/dev, after its name.
 constexpr std::size_t rx_octets = 0;
 constexpr std::size_t tx_octets = 8;
@@ -80,28 +86,31 @@ constexpr std::size_t tx_octets = 8;
 // The sum of a column over all interfaces but loopback: its low 32 bits, as of a counter that
 // wraps.
 template <std::size_t column>
-std::optional<std::uint32_t> network_octets(meter_state&) {
-  std::ifstream file("/proc/net/dev");
+std::optional<std::uint32_t> network(meter_state& state) {
+  std::istringstream lines(state.content("/proc/net/dev"));
   std::string line;
   std::uint64_t sum = 0;
-  while (std::getline(file, line)) {
+  bool known = false;
+  while (std::getline(lines, line)) {
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos) continue;  // the two lines of headings
+    known = true;
     if (line.substr(0, colon).ends_with(" lo")) continue;
     std::istringstream numbers(line.substr(colon + 1));
     std::uint64_t number = 0;
     for (std::size_t at = 0; at <= column; ++at) numbers >> number;
     if (numbers) sum += number;
   }
-  return file.eof() ? std::optional(static_cast<std::uint32_t>(sum)) : std::nullopt;
+  return known ? std::optional(static_cast<std::uint32_t>(sum)) : std::nullopt;
 }
 
-template <std::size_t index>
-std::optional<float> load(meter_state&) {
-  std::array<double, 3> loads{};
-  const int count = getloadavg(loads.data(), static_cast<int>(loads.size()));
-  if (count <= static_cast<int>(index)) return std::nullopt;
-  return static_cast<float>(loads[index]);
+// Columns of /proc/loadavg.
+template <int column>
+std::optional<float> load(meter_state& state) {
+  std::istringstream numbers(state.content("/proc/loadavg"));
+  float number = 0;
+  for (int at = 0; at <= column; ++at) numbers >> number;
+  return numbers ? std::optional(number) : std::nullopt;
 }
 
 std::optional<std::uint32_t> cpus(meter_state&) {
@@ -109,10 +118,10 @@ std::optional<std::uint32_t> cpus(meter_state&) {
   return count > 0 ? std::optional(static_cast<std::uint32_t>(count)) : std::nullopt;
 }
 
-std::optional<std::uint32_t> uptime(meter_state&) {
-  struct sysinfo info = {};
-  if (sysinfo(&info) != 0) return std::nullopt;
-  return static_cast<std::uint32_t>(info.uptime);
+std::optional<std::uint32_t> uptime(meter_state& state) {
+  std::istringstream numbers(state.content("/proc/uptime"));
+  double seconds = 0;
+  return numbers >> seconds ? std::optional(static_cast<std::uint32_t>(seconds)) : std::nullopt;
 }
 
 // Processes are the directories of /proc that are named by a number.
@@ -168,17 +177,15 @@ constexpr auto table = std::to_array<meter>({
     {"filesystem.root_available_mib", slow, gauge, "space left to users below /, MiB",
      root_available},
     {"memory.available_change_kib", fast, gauge,
-     "change of the available memory since the reading before, KiB", memory_available_change},
+     "change of the available memory since the reading before, KiB", available_change},
     {"memory.available_kib", fast, gauge, "memory available to new programs, KiB",
-     [](meter_state&) { return memory_kib("MemAvailable:"); }},
-    {"memory.total_kib", slow, gauge, "memory of the machine, KiB",
-     [](meter_state&) { return memory_kib("MemTotal:"); }},
+     memory<available>},
+    {"memory.total_kib", slow, gauge, "memory of the machine, KiB", memory<total>},
     {"network.rx_octets", fast, counter,
-     "octets received on all interfaces but loopback, modulo 2^32", network_octets<rx_octets>},
+     "octets received on all interfaces but loopback, modulo 2^32", network<rx_octets>},
     {"network.tx_octets", fast, counter, "octets sent on all interfaces but loopback, modulo 2^32",
-     network_octets<tx_octets>},
-    {"swap.free_kib", slow, gauge, "swap space that is free, KiB",
-     [](meter_state&) { return memory_kib("SwapFree:"); }},
+     network<tx_octets>},
+    {"swap.free_kib", slow, gauge, "swap space that is free, KiB", memory<swap_free>},
     {"system.cpus", slow, gauge, "processors on line", cpus},
     {"system.description", slow, gauge, "system, name, kernel and architecture, as uname -a",
      description},
@@ -199,6 +206,11 @@ constexpr bool precedes(const meter& left, const meter& right) {
 static_assert(std::is_sorted(table.begin(), table.end(), precedes));
 
 }  // namespace
+
+std::string file_content(const char* path) {
+  const std::ifstream file(path);
+  return (std::ostringstream() << file.rdbuf()).str();
+}
 
 std::span<const meter> all_meters() {
   return table;

@@ -14,16 +14,15 @@
 
 namespace torvasin_host {
 
-// Processor time since the machine started, in ticks of the kernel's clock.
-struct cpu_times {
-  std::uint64_t all = 0;
-  std::uint64_t idle = 0;
-};
+// The content of a file, empty when it cannot be read.
+std::string file_content(const char* path);
 
-// What readers keep from one reading to the next.
+// Where readers find the system's texts, and what they keep from one reading to the next.
 struct meter_state {
+  std::string (*content)(const char* path) = file_content;
   std::optional<std::uint32_t> available_kib;  // of memory.available_change_kib alone
-  cpu_times cpu;                               // of cpu.busy_percent alone
+  std::uint64_t all_ticks = 0;                 // of cpu.busy_percent alone, like the next one
+  std::uint64_t idle_ticks = 0;
 };
 
 // Takes a reading, or none when the system does not give one.
