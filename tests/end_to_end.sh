@@ -41,7 +41,7 @@ start_host log
 sleep 0.3 # the slow meters' first round
 agent=127.0.0.1:$port
 walk=$(ask snmpwalk -v2c -c public "$agent" .1.3 | grep -v 'No more')
-expect 'where it answers' "answers on 127.0.0.1 port $port" "$(grep -o 'answers on.*' log)"
+expect 'where it answers' "answers on 127.0.0.1:$port" "$(grep -o 'answers on.*' log)"
 expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
   "$(awk '{print $1}' <<<"$walk")"
 expect 'bulk walk' "$(awk '{print $1}' <<<"$walk")" \

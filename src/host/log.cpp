@@ -51,5 +51,9 @@ void torvasin_log(int level, const char* source, int line, int /*flag*/, const c
     std::memcpy(text + length - 3, "...", 3);  // NOLINT(bugprone-not-null-terminated-result)
   }
   const std::scoped_lock lock(sink_mutex);
-  if (current_sink != nullptr) current_sink({level, source, line, {text, length}}, current_user);
+  if (current_sink == nullptr) return;
+  try {
+    current_sink({level, source, line, {text, length}}, current_user);
+  } catch (...) {
+  }
 }

@@ -23,7 +23,8 @@ struct log_record {
   std::string_view text;  // formatted; valid only during the call of the sink
 };
 
-// Called for one record at a time, on the thread that logs. It must not log itself.
+// Called for one record at a time, on the thread that logs. It must not log itself. If it throws,
+// the record is lost: the frames below may be a module's, which no exception can pass.
 using log_sink = void (*)(const log_record& record, void* user);
 
 // The lowest level that is logged, 2 (warnings) at first.

@@ -1,5 +1,6 @@
 // Writes the log of torvasin_host to standard error, each record as one line: time, level, place,
-// text.
+// text. Where standard error is systemd's journal, which has times of its own, a line begins with
+// the priority of its level instead, as "<4>".
 //
 // A thread of its own writes, behind a queue of bounded length that drops its oldest line when it
 // is full. So nobody who logs ever waits for the reader, and a reader that stalls or is gone costs
@@ -18,6 +19,7 @@
 #include <spdlog/async_logger.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -36,11 +38,13 @@ class log_writer {
   log_writer(const log_writer&) = delete;  // the log knows its address
   log_writer& operator=(const log_writer&) = delete;
 
-  ~log_writer() { finish(); }
+  ~log_writer() {
+    if (!finish()) std::quick_exit(EXIT_FAILURE);
+  }
 
   // Gives the log no sink, and writes what is left. Returns false when the reader does not take it
-  // within half a second: the thread is left in a write that may never end, and holds stderr, so
-  // the process has to end by quick_exit. Does nothing when it is called again.
+  // within half a second: a thread is left in a write that may never end, so the process has to end
+  // by quick_exit. Does nothing when it is called again.
   bool finish();
 
   // Writes a line of the program's own, whatever the level of the log. From any thread.
@@ -66,6 +70,8 @@ class log_writer {
   bool admit(tally& place, const log_record& record);
   void write_counts(clock::time_point until);
 
+  const bool journal_;
+  bool finished_ = false;
   std::shared_ptr<spdlog::details::thread_pool> pool_;
   std::shared_ptr<spdlog::async_logger> logger_;
 

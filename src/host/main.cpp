@@ -1,6 +1,8 @@
 // torvasin_host: runs a module in this process until SIGINT or SIGTERM, or tells about it or the
 // meters.
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -20,9 +22,14 @@
 namespace torvasin_host {
 namespace {
 
-exit_status fail(const std::string& message) {
-  std::cerr << "torvasin_host: " << message << '\n';
-  return exit_failure;
+constexpr unsigned patience = 1;  // seconds
+
+// Says why the program ends. It ends, too, when nobody reads that.
+exit_status fail(exit_status status, const char* reason) {
+  std::signal(SIGALRM, [](int) { _exit(exit_failure); });
+  alarm(patience);
+  std::cerr << "torvasin_host: " << reason << '\n';
+  return status;
 }
 
 // The module that goes with this program: beside it in a build, in the library directory when
@@ -73,11 +80,12 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // a reader that is gone shows in the result of a write
   try {
     options given;
-    const auto early = parse_options(argc, argv, given);
-    const exit_status status = early ? *early : run(given);
-    if (!std::cout.flush()) return fail("cannot write to standard output");
+    const exit_status status = parse_options(argc, argv, given) ? run(given) : exit_good;
+    if (!std::cout.flush()) return fail(exit_failure, "cannot write to standard output");
     return status;
+  } catch (const usage_error& error) {
+    return fail(exit_usage, error.what());
   } catch (const std::exception& error) {
-    return fail(error.what());
+    return fail(exit_failure, error.what());
   }
 }

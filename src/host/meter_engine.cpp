@@ -3,6 +3,9 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <exception>
+#include <new>
+#include <system_error>
 
 namespace torvasin_host {
 
@@ -49,11 +52,27 @@ void meter_engine::start(unsigned fast_ms, unsigned slow_ms, const meter_source&
   stop();
   const auto start_one = [&](int speed, unsigned period_ms) {
     const std::chrono::milliseconds period(period_ms);
+    publish_values(speed, source);
     threads_.emplace_back(
         [=, this](const std::stop_token& stop) { run(stop, speed, period, source); });
   };
-  start_one(TORVASIN_FAST, fast_ms);
-  start_one(TORVASIN_SLOW, slow_ms);
+  try {
+    start_one(TORVASIN_FAST, fast_ms);
+    start_one(TORVASIN_SLOW, slow_ms);
+  } catch (const std::system_error& error) {
+    throw std::system_error(error.code(), "no thread for the meters");
+  }
+}
+
+void meter_engine::publish_values(int speed, const meter_source& source) {
+  try {
+    torvasin_key_value_list list;
+    source(speed, list);
+    publish(speed, list);
+  } catch (const std::exception& error) {
+    torvasin_log(TORVASIN_LOG_FAILURE, "src/host/meter_engine", __LINE__, 1,
+                 "meters cannot be read: %s", error.what());
+  }
 }
 
 void meter_engine::run(const std::stop_token& stop, int speed, std::chrono::milliseconds period,
@@ -61,17 +80,15 @@ void meter_engine::run(const std::stop_token& stop, int speed, std::chrono::mill
   using clock = std::chrono::steady_clock;
   pthread_setname_np(pthread_self(), speed == TORVASIN_FAST ? "meters-fast" : "meters-slow");
 
-  torvasin_key_value_list list;
   std::mutex mutex;
+  std::unique_lock lock(mutex);
   std::condition_variable_any stopped;
   auto next = clock::now();
-  while (!stop.stop_requested()) {
-    list.clear();
-    source(speed, list);
-    publish(speed, list);
+  for (;;) {
     next = std::max(next + period, clock::now());  // periods missed are not made up for
-    std::unique_lock lock(mutex);
     stopped.wait_until(lock, stop, next, [] { return false; });
+    if (stop.stop_requested()) return;
+    publish_values(speed, source);
   }
 }
 
@@ -82,7 +99,11 @@ using torvasin_host::meter_engine;
 void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
                                               torvasin_meter_callback callback, void* user) {
   if (engine == nullptr) return nullptr;
-  return static_cast<meter_engine*>(engine)->add_callback(speed, callback, user);
+  try {
+    return static_cast<meter_engine*>(engine)->add_callback(speed, callback, user);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {

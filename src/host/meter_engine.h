@@ -22,7 +22,7 @@
 namespace torvasin_host {
 
 // Fills an empty list with the current values of a speed. Each meter thread calls a copy of its
-// own, always for the same speed.
+// own, always for the same speed. If it throws, the log says so and nothing is published this time.
 using meter_source = std::function<void(int speed, torvasin_key_value_list& list)>;
 
 class meter_engine {
@@ -45,8 +45,8 @@ class meter_engine {
 
   std::size_t registrations() const;
 
-  // Starts the threads meters-fast and meters-slow. Each samples its set and publishes it at once
-  // and then once per period, in milliseconds. Throws std::system_error when a thread cannot start.
+  // Samples and publishes both sets, then starts the threads meters-fast and meters-slow, which do
+  // so once per period, in milliseconds. Throws std::system_error when a thread cannot start.
   void start(unsigned fast_ms, unsigned slow_ms, const meter_source& source);
 
   // Ends the threads without waiting for their periods. start and stop belong to one thread.
@@ -61,6 +61,7 @@ class meter_engine {
     bool leaving = false;  // being removed: no new calls
   };
 
+  void publish_values(int speed, const meter_source& source);
   void run(const std::stop_token& stop, int speed, std::chrono::milliseconds period,
            const meter_source& source);
 

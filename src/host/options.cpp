@@ -75,7 +75,7 @@ bool has_empty(int argc, const char* const* argv) {
 
 }  // namespace
 
-std::optional<exit_status> parse_options(int argc, const char* const* argv, options& parsed) {
+bool parse_options(int argc, const char* const* argv, options& parsed) {
   CLI::App app("Loads a module and feeds it meters of this machine, until SIGINT or SIGTERM.",
                "torvasin_host");
   app.set_help_flag("-h,--help", "Print this text");
@@ -86,12 +86,11 @@ std::optional<exit_status> parse_options(int argc, const char* const* argv, opti
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
-    return exit_good;
+    return false;
   } catch (const CLI::ParseError& error) {
-    std::cerr << "torvasin_host: " << error.what() << '\n';
-    return exit_usage;
+    throw usage_error(error.what());
   }
-  return std::nullopt;
+  return true;
 }
 
 }  // namespace torvasin_host

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "module/torvasin.h"
@@ -27,9 +28,13 @@ struct options {
 // Exit statuses of the program.
 enum exit_status { exit_good = 0, exit_failure = 1, exit_usage = 2 };
 
-// Reads the command line. Returns nothing when the program is to go on, else, after a help text on
-// standard output or one line on standard error, the status to exit with.
-std::optional<exit_status> parse_options(int argc, const char* const* argv, options& parsed);
+struct usage_error : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Reads the command line. Returns false after a help text on standard output, when there is nothing
+// else to do. Throws usage_error.
+bool parse_options(int argc, const char* const* argv, options& parsed);
 
 }  // namespace torvasin_host
 
