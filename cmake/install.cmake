@@ -4,7 +4,6 @@
 install(FILES README.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY config docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
   PATTERN .clang-format EXCLUDE)
-install(FILES src/module/torvasin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 find_program(LOWDOWN lowdown)
 if(NOT LOWDOWN)
