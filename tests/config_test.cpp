@@ -10,6 +10,8 @@
 #include "module/snmp/mainsnmp.h"
 #include "support.h"
 
+using namespace std::literals;
+
 // A module without socket or threads, as it is while its configuration is read.
 struct configuration : testing::Test {
   configuration() {
@@ -57,8 +59,7 @@ TEST_F(configuration, refused_lines_name_themselves_and_change_nothing) {
       {") type not yet managed", {"ITEM_x, type, float", "ITEM_x, type, int:", "ITEM_x, type, uint:y"}},
       {", 1) error parsing formula near 6", {"ITEM_x, computeformula, value*"}},
   };
-  line("ITEM_x, type, int:5");
-  line("ITEM_x, computeformula, value*2");
+  for (const char* accepted : {"type, int:5", "computeformula, value*2", "oid, 1.3"}) line("ITEM_x, "s + accepted);
   for (const auto& [message, texts] : rows) {
     for (const std::string& text : texts) {
       line(text);
@@ -68,6 +69,7 @@ TEST_F(configuration, refused_lines_name_themselves_and_change_nothing) {
   EXPECT_EQ(161, module.port);
   EXPECT_EQ(1u, module.item_count);
   EXPECT_EQ("02 01 05", served(0)) << "the refused formula has gone, the value stays";
+  EXPECT_EQ(0u, module.items[0].oid.count);
   EXPECT_TRUE(log.has(3, "'' has to be an int") && log.has(3, "'y' has to be an uint"));
 }
 
@@ -115,18 +117,20 @@ TEST_F(configuration, names_and_links) {
   EXPECT_EQ(0, meter_callback_slow(nullptr, &context));
   line("ITEM_n" + longest + ", oid, 1.3.1");
   module.item_count = 0;
-  line("ITEM_" + longest + ", oid, 1.3.1");
+  for (const std::string& name : {longest, "ab"s, "a"s, "A"s, "abc"s, longest}) {
+    line("ITEM_" + name + ", oid, 1.3.1");
+    line("ITEM_" + name + ", meter, m");
+  }
   line("ITEM_s, oid, 1.3.2");
-  line("ITEM_" + longest + ", meter, m");
-  EXPECT_EQ(2u, module.item_count);
+  EXPECT_EQ(6u, module.item_count);
   EXPECT_TRUE(log.has(3, "ini_handler_cb item name too long: n" + longest));
   EXPECT_TRUE(log.has(3, "ini_handler_cb found item: n" + longest + " not found and not creable"));
   line("ITEM_s, type, string:x");
   line("ITEM_s, computeformula, value*8");
   log.take();
   EXPECT_EQ(0, link_snmp_items(&module));
-  EXPECT_EQ("2 empty meter for 1:'s'\n2 formula configured for string type, (not supported yet) 1:'s'\n", log.take());
-  EXPECT_EQ(nullptr, module.bindings[1].formula);
+  EXPECT_EQ("2 empty meter for 5:'s'\n2 formula configured for string type, (not supported yet) 5:'s'\n", log.take());
+  EXPECT_EQ(nullptr, module.bindings[5].formula);
 }
 
 // What an item of a type and a formula serves, at first and then for values of its meter.
@@ -138,6 +142,8 @@ TEST_F(configuration, items_take_their_meters) {
       {"int:04294967295x", "", "02 01 FF", {}},
       {"int", "value/4", "02 01 00", {{21, "02 01 05"}, {-10, "02 01 FE"}, {NAN, "02 01 00"}}},
       {"uint:09", "", "41 01 09", {{5, "41 01 09"}, {7.9f, "41 01 07"}, {4294967295u, "41 05 00 FF FF FF FF"}}},
+      {"int", "value*10", "02 01 00", {{-0.37f, "02 01 FD"}}},
+      {"uint", "value*100", "41 01 00", {{0.37f, "41 01 25"}}},
       {"uint", "", "41 01 00", {{-1.5f, "41 01 00"}, {5e9f, "41 05 00 FF FF FF FF"}}},
       {"string", "", "04 00", {{"abc", "04 03 61 62 63"}, {std::string(65536, 'x'), "-1"}}},
       {"string:x", "", "04 01 78", {{5, "04 01 78"}, {5.0f, "04 01 78"}}},

@@ -33,6 +33,7 @@ const std::tuple<const char*, octets, std::string> refusals[] = {
     {"community cut off", {0x30, 7, 2, 1, 1, 4, 6, 'p', 'u'}, "decode_str: pos (7) out of buffer (9) (len: 6)"},
     {"PDU length", changed(build({.pdu_tag = 0xA3}), 14, 24), mismatch + "len:24 size:40 pos:15 (reading type)"},
     {"SetRequest", build({.pdu_tag = 0xA3}), request + "type 0xa3 not yet supported"},
+    {"InformRequest", build({.pdu_tag = 0xA6}), request + "type 0xa6 not yet supported"},
     {"request-id tag", build({.id = "41 01 01"}), request + "type 41 not supported for id"},
     {"request-id empty", build({.id = "02 00"}), request + "size 0 not supported for id"},
     {"request-id cut off", changed(build({}), 16, 112), "decode_int: pos (17) out of buffer (40) (len: 112)"},
@@ -117,8 +118,11 @@ TEST(decoder, steps_hold_against_any_tag_and_length) {
   size_t cursor, count;
   uint32_t number;
   snmp_oid oid;
-  for (const uint8_t tag : from_hex("1 2 3 4 5 6 30 41 42 43 80 81 82 A0 A1 A2 A3 A5 A6 A7")) {
-    EXPECT_EQ(0, decode_len(octets{tag, 0}.data(), 2, &(cursor = 0), &number, &count)) << tag;
+  const octets accepted = from_hex("1 2 3 4 5 6 30 41 42 43 80 81 82 A0 A1 A2 A3 A5 A6 A7");
+  for (unsigned tag = 0; tag < 256; tag++) {
+    const octets header = {static_cast<uint8_t>(tag), 0};
+    const int32_t expected = std::ranges::count(accepted, header[0]) > 0 ? 0 : -1;
+    EXPECT_EQ(expected, decode_len(header.data(), 2, &(cursor = 0), &number, &count)) << tag;
   }
   cursor = 1;
   EXPECT_EQ(-1, decode_discart(2, &cursor, -1));

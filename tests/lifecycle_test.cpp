@@ -52,6 +52,11 @@ bool fails(const char* call, int, int, int, const void*& timeout, socklen_t) {
   EXPECT_EQ(1, static_cast<const timeval*>(std::exchange(timeout, &brief))->tv_sec);
   return fails(call);
 }
+// sendto
+bool fails(const char* call, int, const void*, size_t, int flags, const sockaddr*, socklen_t) {
+  EXPECT_EQ(MSG_CONFIRM, flags);
+  return fails(call);
+}
 // torvasin_keyValueListGetS: this host takes no list as an empty one, another need not.
 bool fails(const char*, const torvasin_key_value_list* list, const char*, const char**) {
   return list->find("") != nullptr;
@@ -81,10 +86,21 @@ WRAP(pthread_mutexattr_init, int, (pthread_mutexattr_t * a), errno, a)
 WRAP(pthread_mutexattr_setprotocol, int, (pthread_mutexattr_t * a, int protocol), errno, a, protocol)
 WRAP(pthread_create, int, (pthread_t * t, const pthread_attr_t* a, void* (*f)(void*), void* p), errno, t, a, f, p)
 WRAP(pthread_setname_np, int, (pthread_t t, const char* name), errno, t, name)
-WRAP(pthread_setaffinity_np, int, (pthread_t t, size_t n, const cpu_set_t* set), errno, t, n, set)
-WRAP(pthread_getaffinity_np, int, (pthread_t t, size_t n, cpu_set_t* set), errno, t, n, set)
 WRAP(pthread_mutex_lock, int, (pthread_mutex_t * lock), errno, lock)
 WRAP(pthread_mutex_unlock, int, (pthread_mutex_t * lock), errno, lock)
+
+// A machine of any number of processors, and a user who may choose any niceness.
+static cpu_set_t processors;
+static std::atomic<int> niceness;
+extern "C" int __wrap_pthread_setaffinity_np(pthread_t, size_t, const cpu_set_t* set) {
+  processors = *set;
+  return fails("pthread_setaffinity_np") ? errno : 0;
+}
+extern "C" int __wrap_pthread_getaffinity_np(pthread_t, size_t, cpu_set_t* set) {
+  *set = processors;
+  return fails("pthread_getaffinity_np") ? errno : 0;
+}
+extern "C" int __wrap_nice(int added) { return niceness += added; }
 
 namespace {
 
@@ -121,6 +137,12 @@ class udp_client {
   ~udp_client() { close(fd_); }
   udp_client(const udp_client&) = delete;
 
+  uint16_t port() const {
+    sockaddr_in own;
+    socklen_t length = sizeof own;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&own), &length);
+    return ntohs(own.sin_port);
+  }
   void tell(const octets& datagram) { send(fd_, datagram.data(), datagram.size(), 0); }
 
   // The answer as describe() puts it, "silence" when none comes within the patience, milliseconds.
@@ -140,6 +162,7 @@ struct lifecycle : testing::Test {
   lifecycle() {
     std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
     threads = entries("/proc/self/task");
+    close(STDIN_FILENO);  // a descriptor of 0 is as good as any
     files = entries("/proc/self/fd");
     configure(port + items("1"));
   }
@@ -185,6 +208,52 @@ struct lifecycle : testing::Test {
   torvasin_key_value_list host_keys;
 };
 
+// Every line, of all levels, of a start, two requests and a stop.
+TEST_F(lifecycle, log) {
+  configure(port + "[ITEM_a]\noid = 1.3.6.1.1\ntype = uint:7\ncomputeformula = value\nmeter = m\n");
+  host_keys.set("affinity", 0x40000301u);
+  host_keys.set("renice", -5);
+  niceness = 5;
+  ASSERT_EQ(0, start(context));
+  char name[16];
+  pthread_getname_np(module()->thread, name, sizeof name);
+  EXPECT_STREQ("SNMP", name);
+  udp_client client(context);
+  client.tell({0x30, 0x00});
+  const octets request =
+      build({.id = "02 01 07", .second = "02 01 02", .third = "02 01 03", .varbinds = null_varbind({1, 3, 9})});
+  EXPECT_EQ("0 0: 1.3.9=8000", client.ask(request));
+  const std::string sent = "sent: " + std::to_string(request.size());
+  for (int i = 0; i < 10000 && !log.has(1, sent); i++) usleep(1000);
+  std::string expected =
+      "1$MstartCycle(test, $K)\n1$Mreplace configurationfile with $F\n1$Maffinity: 1073742593\n1$Mrenice: -5\n"
+      "1$Mparsing $F\n1$LGeneral, port, 0)\n1$LITEM_a, oid, 1.3.6.1.1)\n1$LITEM_a, type, uint:7)\n"
+      "1$LITEM_a, type, uint:7) set callback uint with default\n1$LITEM_a, computeformula, value)\n"
+      "1$Mini_handler_cb compile formula: value\n1$LITEM_a, meter, m)\n1$Mread $F\n1$Mloaded 1 oid\n"
+      "1$Mmodule_thread_loop: try to set affinity to 40000301\n2$Mmodule_thread_loop: affinity to 40000301\n"
+      "1$Mreceived from: 127.0.0.1:$P\n\n1$A: Received: 2 data\n3$A_msg_protocol: pos (2) out of buffer (2) (0)\n"
+      "1$A: Error in request\n1$Mreceived from: 127.0.0.1:$P\n\n1$A: Received: $N data\n1$A: request: (GET)\n\tver: 1\n"
+      "\tid: 7\n\tcommunity: public\n\tnon_repeaters: 2\n\tmax_repetitions: 3\n\toid: \n"
+      "1$A_handler: minimal_snmp_handle_get oid not found\n1$A: SEND...\n1$Mminimal_snmp_send($S,...,$N)\n"
+      "1$Msending to: 127.0.0.1 $P\n1$Msent: $N\n2$MpreStopCycle(test)\n1$Mmodule_thread_loop($C) end\n"
+      "2$MstopCycle(test, 0)\n";
+  const auto print = [](auto value) { return testing::PrintToString(value); };
+  const std::pair<std::string, std::string> words[] = {{"$L", "$Mini_handler_cb(test, "},
+                                                       {"$M", " src/module/snmp/mainsnmp: "},
+                                                       {"$A", " src/module/snmp/snmp/snmp"},
+                                                       {"$K", print(&host_keys)},
+                                                       {"$C", print(&context)},
+                                                       {"$F", path},
+                                                       {"$S", print(module()->fd)},
+                                                       {"$P", print(client.port())},
+                                                       {"$N", print(request.size())}};
+  for (const auto& [word, meaning] : words) {
+    for (size_t at; (at = expected.find(word)) != expected.npos;) expected.replace(at, 2, meaning);
+  }
+  stop(context);
+  EXPECT_EQ(expected, log.take(1, true));
+}
+
 TEST_F(lifecycle, every_failure_of_a_start) {
   const std::tuple<const char*, int, int, int32_t, std::string> rows[] = {
       {"torvasin_malloc", 0, 0, -1, "4 startCycle: no memory for the module\n"},
@@ -206,12 +275,12 @@ TEST_F(lifecycle, every_failure_of_a_start) {
        "4 module_thread_loop: invalid getting affinity: Invalid argument\n1 module_thread_loop: new nice"},
   };
   host_keys.set("affinity", 1u);
-  int renice = 5, niceness = 0;
+  int renice = 5;
+  niceness = 1;
   for (const auto& [call, with, after, status, expected] : rows) {
     SCOPED_TRACE(call + std::to_string(after));
     renice = -renice;
     host_keys.set("renice", renice);
-    std::thread([&] { niceness = nice(renice); }).join();
     plan(call, with, after, 99);
     EXPECT_EQ(status, start(context));
     const bool polled = status == 0 && module()->thread_created == 1;
@@ -233,19 +302,19 @@ TEST_F(lifecycle, every_failure_of_a_start) {
 TEST_F(lifecycle, files_that_cannot_be_used) {
   const std::string include = "include = " + path + "\n", line = "\n1 ini_handler_cb(test, General, ";
   const std::tuple<std::string, int32_t, std::string> rows[] = {
-      {"[ITEM_x]\noid = 1.3\n[ITEM_y]\nother = 1", -1, "3 error missing oid: 1 y\n"},
+      {"[ITEM_x]\noid = 1.3\n[ITEM_y]\nother = 1", -1, "2 empty meter for 1:'y'\n3 error missing oid: 1 y\n"},
       {port + "ip = 192.0.2.1", -1, "4 error bind(192.0.2.1:0) socker: 99 Cannot assign requested address\n"},
-      {port + "nonsense\nip = 127.0.0.1", 0, " (line first error: 3)\n3 problem parsing " + path + "\n"},
+      {"nonsense\n" + port, 0, " (line first error: 1)\n3 problem parsing " + path + "\n"},
       {port + include + include, 0,
        "configurationfile with " + path + "\n" +
            repeated(16, "1 parsing " + path + line + "port, 0)" + line + "include, " + path + ")\n") + "3 " + path +
            " not read: more than 16 files inside one another or 256 in all\n3 ini_handler_cb"},
   };
-  host_keys.set("affinity", 0x80000000u);  // negative as a mask, so none
   host_keys.set("renice", 0);
   for (const auto& [text, status, expected] : rows) {
     SCOPED_TRACE(text);
     configure(text);
+    host_keys.set("affinity", text.ends_with(include) ? 0u : 0x80000000u);  // negative as a mask, so none
     EXPECT_EQ(status, start(context));
     if (status == 0) {
       EXPECT_EQ(text.ends_with(include) ? 256u : 1u, module()->files_read);
@@ -259,7 +328,7 @@ TEST_F(lifecycle, files_that_cannot_be_used) {
   }
   plan("bind", EACCES);
   EXPECT_EQ(-1, plugin_entry_0_6.startCycle(&context, nullptr));
-  EXPECT_STREQ("0.6.25", plugin_entry_torvasin_module_version);
+  EXPECT_EQ("snmp 0.6.25"s, entry->name + " "s + plugin_entry_torvasin_module_version);
   EXPECT_EQ(
       "3 error -1 parsing snmpmanager.ini\n3 problem parsing snmpmanager.ini\n"
       "4 error bind(127.0.0.1:161) socker: 13 Permission denied\n",
@@ -297,15 +366,18 @@ TEST_F(lifecycle, datagrams_and_errors_of_the_socket) {
   plan("sendto", EPERM);
   client.tell(get_a_and_b);
   EXPECT_EQ(initial_values, other.ask(get_a_and_b));
+  auto since = std::chrono::steady_clock::now();
+  const auto passed = [&] { return std::chrono::steady_clock::now() - since; };
   for (const char* call : {"nothing", "recvfrom"}) {
     plan(call, ENOMEM, 0, INT_MAX);
     receives = 0;
-    const auto since = std::chrono::steady_clock::now();
+    since = std::chrono::steady_clock::now();
     usleep(50000);
-    EXPECT_LT(receives, (std::chrono::steady_clock::now() - since) / std::chrono::microseconds(10)) << "does not wait";
+    EXPECT_LT(receives, passed() / 10us) << "does not wait";
   }
-  plan("");
+  plan("recvfrom", ENOMEM, 0, 20);
   EXPECT_EQ(initial_values, client.ask(get_a_and_b));
+  EXPECT_LT(passed(), 10s) << "deaf after an error";
   const std::string messages = log.take(1);
   EXPECT_NE(std::string::npos, messages.find("1 sent: -1 1 Operation not permitted\n"));
   EXPECT_NE(std::string::npos, messages.find(") error receive: 12 Cannot allocate memory\n"));
@@ -379,16 +451,8 @@ TEST_F(lifecycle, two_instances_answer_side_by_side) {
 #ifdef TORVASIN_LIBRARY  // the sanitizers have an allocator of their own
 
 static std::atomic<bool> scarce;  // only the main thread gets memory
-static bool denied() { return scarce && gettid() != getpid(); }
-
-extern "C" {
-void* __libc_malloc(size_t n);
-void* __libc_calloc(size_t count, size_t n);
-void* __libc_realloc(void* p, size_t n);
-void* malloc(size_t n) { return denied() ? nullptr : __libc_malloc(n); }
-void* calloc(size_t count, size_t n) { return denied() ? nullptr : __libc_calloc(count, n); }
-void* realloc(void* p, size_t n) { return denied() ? nullptr : __libc_realloc(p, n); }
-}
+extern "C" void* __libc_malloc(size_t n);
+extern "C" void* malloc(size_t n) { return scarce && gettid() != getpid() ? nullptr : __libc_malloc(n); }
 
 // The library as a host loads it: what it needs in its threads comes from the C library only then.
 TEST_F(lifecycle, pollers_need_no_memory) {

@@ -33,29 +33,33 @@ class captured_log {
     const auto keep = [](const torvasin_host::log_record& record, void* self) {
       auto* log = static_cast<captured_log*>(self);
       const std::lock_guard guard(log->mutex_);
-      log->lines_.emplace_back(record.level, record.text);
+      log->lines_.push_back({record.level, record.source, std::string(record.text)});
     };
     torvasin_host::set_log_sink(keep, this);
   }
   ~captured_log() { torvasin_host::set_log_sink(nullptr, nullptr); }
 
-  // The lines since the last call of this level and above, each as "level text\n".
-  std::string take(int least_level = 2) {
+  // The lines since the last call of this level and above, each as "level text\n", or "level source: text\n".
+  std::string take(int least_level = 2, bool with_source = false) {
     const std::lock_guard guard(mutex_);
     std::string taken;
-    for (const auto& [level, text] : std::exchange(lines_, {})) {
-      if (level >= least_level) taken += std::to_string(level) + " " + text + "\n";
+    for (const auto& [level, source, text] : std::exchange(lines_, {})) {
+      if (level >= least_level) taken += std::to_string(level) + " " + (with_source ? source + ": " : "") + text + "\n";
     }
     return taken;
   }
   bool has(int level, const std::string& text) {  // among the lines not yet taken
     const std::lock_guard guard(mutex_);
-    return std::ranges::count(lines_, std::pair(level, text)) > 0;
+    return std::ranges::any_of(lines_, [&](const line& one) { return one.level == level && one.text == text; });
   }
 
  private:
+  struct line {
+    int level;
+    std::string source, text;
+  };
   std::mutex mutex_;
-  std::vector<std::pair<int, std::string>> lines_;  // not yet taken
+  std::vector<line> lines_;  // not yet taken
 };
 
 #endif  // TORVASIN_TESTS_SUPPORT_H

@@ -47,10 +47,12 @@ TEST(TinyExpr, Language) {
       {M_PI, 0, {"pi"}},
       {std::pow(3.0, -v), 0, {"3^-value", "pow(3, -value)"}},
       {nan, 1, {"", "+", "$", ")"}},
-      {nan, 2, {"1+", "1)", "(1", "()", "1e", "e("}},
+      {std::atan2(v, 3), 0, {"atan2(value,3)"}},
+      {-8, 0, {"-2^3"}},
+      {nan, 2, {"1+", "1)", "(1", "()", "1e", "e(", "sq 4"}},
       {nan, 3, {"1 2 3", "2**3", "1,,2", "e(1)"}},
       {nan, 5, {"Value+1", "1 + _a", "1.5.5 1", "1+pow"}},
-      {nan, 6, {"2value", "sqrt()", "pow(1)", "1+pow(."}},
+      {nan, 6, {"2value", "values", "sqrt()", "pow(1)", "1+pow(."}},
       {nan, 7, {"e * 0.5.-pi + value"}},
   };
   for (const auto& [expected, position, texts] : rows) {
@@ -61,15 +63,7 @@ TEST(TinyExpr, Language) {
       {"exp ", exp},   {"ln ", log},    {"floor ", floor}, {"log ", log10}, {"sin ", sin}, {"log10 ", log10},
       {"tan ", tan},   {"sinh ", sinh}, {"tanh ", tanh},   {"sqrt ", sqrt}};
   for (const auto& [name, function] : functions) check(std::string(name) + "value", v, function(v));
-}
-
-TEST(TinyExpr, ReadsVariablesAnewAndBeforeTheBuiltIns) {
-  double pi = 1;
-  const te_variable variable = {"pi", &pi, TE_VARIABLE, nullptr};
-  te_expr* formula = te_compile("pi + 1", &variable, 1, nullptr);
-  pi = 2;
-  EXPECT_EQ(te_eval(formula), 3);
-  te_free(formula);
+  EXPECT_LT(clock(), 5 * CLOCKS_PER_SEC) << "of this process; an evaluation takes microseconds";
 }
 
 #ifdef TORVASIN_OWN_TINYEXPR
