@@ -129,6 +129,10 @@ TEST(pipeline, answers) {
       {getbulk(1, 2, {e, a}), "0 0: 1.3.6.2147483648=8200 1.3.6.1.2.1=020100 1.3.6.1.2.1.5=020103"},
       {getbulk(0, 2, {b, e}),
        "0 0: 1.3.6.1.2.1.5=020103 1.3.6.2147483648=8200 1.3.6.1.4.1.9.1=020101 1.3.6.2147483648=8200"},
+      {getbulk(0, 9, {before, before, before, before, before, before, d, d}),
+       "0 0:" + repeated(6, " 1.3.6.1.1=020104") + repeated(2, " 1.3.6.2147483648=020102") +
+           repeated(6, " 1.3.6.1.2.1=020100") + repeated(2, " 1.3.6.2147483648=8200") +
+           repeated(4, " 1.3.6.1.2.1.5=020103")},
       {getbulk(-1, 99, {a, a}), "0 0: 1.3.6.1.2.1=020100 1.3.6.1.2.1=020100"},
       {getbulk(1, 0, {a, b}), "0 0: 1.3.6.1.2.1=020100"},
       {getbulk(0, -1, {e}), "0 0: 1.3.6.2147483648=8200"},
@@ -138,18 +142,6 @@ TEST(pipeline, answers) {
   };
   captured_log log;
   for (const auto& row : rows) EXPECT_EQ(row.second, ask(table, row.first)) << "row " << &row - rows;
-}
-
-TEST(pipeline, bulk_ends_with_a_full_response) {
-  captured_log log;
-  std::vector<object_id> descending;
-  for (uint32_t i = 50; i > 0; i--) descending.push_back({1, 3, 6, 1, i, 0});
-  std::string expected = "0 0:";
-  for (uint8_t i = 2; i < 22; i++) {
-    const auto subid = static_cast<uint8_t>(i / 2 + i % 2 * 25);
-    expected += " 1.3.6.1." + std::to_string(subid) + ".0=0201" + to_hex(octets(1, 50 - subid));
-  }
-  EXPECT_EQ(expected, ask(table_of(descending), getbulk(0, 100, {before, descending[25]})));
   EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getbulk oid found put impossible to answer :("));
 }
 
@@ -163,12 +155,10 @@ TEST(pipeline, messages) {
 
 // Every octet at every place, among octets of every number of digits.
 TEST(poller, writes_addresses_as_inet_ntop_does) {
-  for (const uint32_t others : {0u, 0x0A0A0A0Au, 0xFFFFFFFFu}) {
-    for (uint32_t i = 0; i < 4 * 256; i++) {
-      const uint32_t shift = i / 256 * 8;
-      const in_addr address = {(others & ~(0xFFu << shift)) | i % 256 << shift};
-      char expected[INET_ADDRSTRLEN], text[IP_TEXT_SIZE];
-      EXPECT_STREQ(inet_ntop(AF_INET, &address, expected, sizeof expected), write_address(address, text));
-    }
+  for (uint32_t i = 0; i < 3 * 4 * 256; i++) {
+    const uint32_t others[] = {0, 0x0A0A0A0A, 0xFFFFFFFF}, shift = i / 256 % 4 * 8;
+    const in_addr address = {(others[i / 1024] & ~(0xFFu << shift)) | i % 256 << shift};
+    char expected[INET_ADDRSTRLEN], text[IP_TEXT_SIZE];
+    EXPECT_STREQ(inet_ntop(AF_INET, &address, expected, sizeof expected), write_address(address, text));
   }
 }

@@ -33,7 +33,7 @@ class captured_log {
     const auto keep = [](const torvasin_host::log_record& record, void* self) {
       auto* log = static_cast<captured_log*>(self);
       const std::lock_guard guard(log->mutex_);
-      log->lines_.push_back({record.level, record.source, std::string(record.text)});
+      log->lines_.emplace_back(record.level, record.source, record.text);
     };
     torvasin_host::set_log_sink(keep, this);
   }
@@ -50,16 +50,12 @@ class captured_log {
   }
   bool has(int level, const std::string& text) {  // among the lines not yet taken
     const std::lock_guard guard(mutex_);
-    return std::ranges::any_of(lines_, [&](const line& one) { return one.level == level && one.text == text; });
+    return std::ranges::any_of(lines_, [&](const auto& one) { return get<0>(one) == level && get<2>(one) == text; });
   }
 
  private:
-  struct line {
-    int level;
-    std::string source, text;
-  };
   std::mutex mutex_;
-  std::vector<line> lines_;  // not yet taken
+  std::vector<std::tuple<int, std::string, std::string>> lines_;  // not yet taken
 };
 
 #endif  // TORVASIN_TESTS_SUPPORT_H
