@@ -25,9 +25,9 @@ void check_item(findings& found, item& item) {
     say(found, item, item.at(item_key::computeformula), warning,
         "a string has no formula: leave it out");
   }
-  if (item.served->oid.count == 0) {
+  if (item.oid().count == 0) {
     say(found, item, item.section, error, "it has no OID, and the agent does not start: add one");
-  } else if (!can_be_named(item.served->oid)) {
+  } else if (!can_be_named(item.oid())) {
     say(found, item, item.at(item_key::oid), warning,
         "no request can name this OID: write two numbers or more, the second below 40");
   }
@@ -42,11 +42,12 @@ std::string did_you_mean(string_view word, const meter_list& meters) {
   for (const listed_meter& meter : meters.all) {
     string_view a = word;
     string_view b = meter.name;
-    while (!a.empty() && !b.empty() && a[0] == b[0]) a.remove_prefix(1), b.remove_prefix(1);
-    while (!a.empty() && !b.empty() && a.back() == b.back()) a.remove_suffix(1), b.remove_suffix(1);
+    for (; !a.empty() && !b.empty() && a[0] == b[0]; a.remove_prefix(1)) b.remove_prefix(1);
+    for (; !a.empty() && !b.empty() && a.back() == b.back(); a.remove_suffix(1)) b.remove_suffix(1);
     const bool swapped = a.size() == 2 && b.size() == 2 && a[0] == b[1] && a[1] == b[0];
-    if (!swapped && (a.size() > 1 || b.size() > 1)) continue;
-    return "; did you mean " + in_quotes(meter.name) + "?";
+    if (swapped || std::max(a.size(), b.size()) <= 1) {
+      return "; did you mean " + in_quotes(meter.name) + "?";
+    }
   }
   return "";
 }
@@ -76,12 +77,11 @@ void check_meter(findings& found, item& item, const meter_list& meters) {
 void check_duplicates(findings& found, const std::vector<item*>& order) {
   for (std::size_t i = 0, first = 0; i < order.size(); ++i) {
     item& item = *order[i];
-    if (compare_oid(&item.served->oid, &order[first]->served->oid) != 0) first = i;
+    if (compare_oid(&item.oid(), &order[first]->oid()) != 0) first = i;
     if (first == i) continue;
     say(found, item, item.at(item_key::oid), warning,
-        "OID {} is that of item {} at {}, which a GET answers: write another",
-        dotted(item.served->oid), in_quotes(order[first]->binding->name),
-        found.text(order[first]->at(item_key::oid)));
+        "OID {} is that of item {} at {}, which a GET answers: write another", dotted(item.oid()),
+        in_quotes(order[first]->binding->name), found.text(order[first]->at(item_key::oid)));
   }
 }
 
@@ -121,21 +121,9 @@ void check_items(configuration& config) {
     check_item(config.found, each);
     check_meter(config.found, each, config.meters);
   }
-  const std::vector<item*> order = in_oid_order(config);
+  const std::vector<item*> order = config.in_oid_order();
   check_duplicates(config.found, order);
   check_neighbours(config.found, order);
-}
-
-std::vector<item*> in_oid_order(configuration& config) {
-  std::vector<item*> order;
-  for (item& each : config.items) {
-    if (each.served->oid.count > 0) order.push_back(&each);
-  }
-  std::ranges::sort(order, [](const item* a, const item* b) {
-    const int relation = compare_oid(&a->served->oid, &b->served->oid);
-    return relation < 0 || (relation == 0 && a < b);
-  });
-  return order;
 }
 
 std::string serve(const snmp_item& item) {
@@ -146,37 +134,17 @@ std::string serve(const snmp_item& item) {
   std::size_t at = 0;
   std::size_t length = 0;
   std::uint32_t tag = 0;
-  std::int32_t number = 0;
-  std::uint32_t count = 0;
   decode_len(octets.data(), size, &at, &tag, &length);
-  switch (tag) {
-    case BER_INTEGER:
-      decode_int(octets.data(), size, &at, length, &number);
-      return std::to_string(number);
-    case BER_COUNTER32:
-      decode_uint(octets.data(), size, &at, length, &count);
-      return std::to_string(count);
-    case BER_NULL:
-      return "NULL";
-    default:
-      return {octets.begin() + static_cast<std::ptrdiff_t>(at), octets.end()};
-  }
+  if (tag == BER_NULL) return "NULL";
+  if (tag == BER_OCTET_STRING)
+    return {octets.begin() + static_cast<std::ptrdiff_t>(at), octets.end()};
+  std::int64_t number = tag == BER_INTEGER && octets[at] > INT8_MAX ? -1 : 0;
+  for (; at < size; ++at) number = number * 256 + octets[at];
+  return std::to_string(number);
 }
 
 std::string dotted(const snmp_oid& oid) {
   return fmt::format("{}", fmt::join(oid.subid, oid.subid + oid.count, "."));
-}
-
-bool can_be_named(const snmp_oid& oid) {
-  std::vector<std::uint8_t> octets(get_oidlen(oid.subid, oid.count));
-  encode_snmp_oid(octets.data(), oid.subid, oid.count);
-  std::size_t at = 0;
-  std::size_t length = 0;
-  std::uint32_t tag = 0;
-  snmp_oid read{};
-  decode_len(octets.data(), octets.size(), &at, &tag, &length);
-  decode_oid(octets.data(), octets.size(), &at, length, &read);
-  return compare_oid(&oid, &read) == 0;
 }
 
 }  // namespace torvasin_config

@@ -71,21 +71,21 @@ struct ini_line {
   const char* value;
 };
 
+using ini_taker = std::function<void(const ini_line&)>;  // throws nothing
+
 // Reads a file, hands over each section and key, and adds findings about lines that are neither.
 // Needs a few hundred octets of memory, however long a file or a line is. Returns why the file
-// cannot be read, or an empty text. `take` may throw.
-std::string read_ini(const std::string& path, findings& found,
-                     const std::function<void(const ini_line&)>& take);
+// cannot be read, or an empty text.
+std::string read_ini(const std::string& path, findings& found, const ini_taker& take);
 
 // ---- Meters ------------------------------------------------------------------------------------
 
 struct listed_meter {
   std::string name;
   place at;
-  std::uint32_t speed;  // enum torvasin_speed
-  std::uint32_t type;   // enum torvasin_value_type
-  std::uint32_t
-      counts;  // 1 if it only grows, and starts again from 0 after its greatest number; else 0
+  std::uint32_t speed;   // enum torvasin_speed
+  std::uint32_t type;    // enum torvasin_value_type
+  std::uint32_t counts;  // 1 if it only grows, and starts again from 0 after its greatest number
   std::string description;
 };
 
@@ -114,10 +114,11 @@ struct item {
   // What it came to in the module's tables, once all is read.
   const snmp_item* served;
   const snmp_meter_binding* binding;
-  const listed_meter* meter;  // the known one of the binding's name, or null
+  const listed_meter* meter;  // null if none is known by this name
 
   place& at(item_key key) { return places[static_cast<std::size_t>(key)]; }
   bool typed() const { return served->writer != encode_null; }
+  const snmp_oid& oid() const { return served->oid; }
 };
 
 // Reads a file and those that it includes. Live meters give each item the value that they have now.
@@ -127,20 +128,20 @@ struct configuration {
   configuration(const configuration&) = delete;  // the tables point to the module
   ~configuration();
 
+  // The items that have an OID, by it; of equal ones, the first in the tables comes first.
+  std::vector<item*> in_oid_order();
+
   const meter_list& meters;
   std::string fault;  // why the file cannot be read; empty if it was
   findings found;
-  std::vector<item> items;                             // in the order of the module's tables
-  std::map<std::string, place, std::less<>> sections;  // where each gives its first key
+  std::vector<item> items;                // in the order of the module's tables
+  std::map<std::string, place> sections;  // where each begins first
   snmp_module module{};
   torvasin_plugin_context context{"snmp", nullptr, {}, &module};
+  bool refused = false;  // the module has not taken the latest line
 };
 
-// The items that have an OID, by it; of equal ones, the first in the tables comes first.
-std::vector<item*> in_oid_order(configuration& config);
-
-// Adds findings about items.
-void check_items(configuration& config);
+void check_items(configuration& config);  // adds findings
 
 // What an item answers a request with, as text; empty when there is no encoding for it.
 std::string serve(const snmp_item& item);
@@ -148,7 +149,9 @@ std::string serve(const snmp_item& item);
 std::string dotted(const snmp_oid& oid);
 
 // Whether the agent reads an OID in a request as it is meant: its first two numbers share an octet.
-bool can_be_named(const snmp_oid& oid);
+inline bool can_be_named(const snmp_oid& oid) {
+  return oid.count >= 2 && oid.subid[1] < 40;
+}
 
 // ---- Output, to standard output. Throws std::runtime_error when there is no item for it. --------
 

@@ -2,10 +2,8 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "config/config.h"
 #include "host/key_value_list.h"
@@ -86,30 +84,25 @@ remark about_commas(std::string formula, const te_variable* variable) {
 
 std::string read_file(configuration& config, const std::string& path);
 
-// Whether the module takes a line. It logs what it does not take.
-bool apply(configuration& config, const ini_line& line) {
-  bool taken = true;
-  const auto sink = [](const torvasin_host::log_record&, void* to) { *static_cast<bool*>(to) = 0; };
-  torvasin_host::set_log_sink(sink, &taken);
+void apply(configuration& config, const ini_line& line) {
+  config.refused = false;
   ini_handler_cb(&config.context, line.section, line.key, line.value);
-  torvasin_host::set_log_sink(nullptr, nullptr);
-  return taken;
 }
 
 remark take_general_key(configuration& config, const ini_line& line) {
   const auto key = find_key<general_key>(general_key_names, line.key);
-  const bool taken = key == general_key::include || apply(config, line);
+  if (key == general_key::include) {
+    const std::string fault = read_file(config, line.value);
+    return fault.empty() ? remark{} : refused(fault);
+  }
+  apply(config, line);
   switch (key) {
     case general_key::ip:
       return about_address(line.value, config.module.ip);
     case general_key::port:
-      if (!taken) return refused("write a number from 0 to 65535");
+      if (config.refused) return refused("write a number from 0 to 65535");
       return about_number(line.value, config.module.port);
     case general_key::include:
-      if (const std::string fault = read_file(config, line.value); !fault.empty()) {
-        return refused(fault);
-      }
-      return {};
     case general_key::unknown:
       break;
   }
@@ -117,34 +110,32 @@ remark take_general_key(configuration& config, const ini_line& line) {
 }
 
 remark take_item_key(configuration& config, const ini_line& line) {
-  const bool taken = apply(config, line);
   snmp_module& module = config.module;
-  if (config.items.size() < module.item_count) {
-    const place at = config.sections.find(line.section)->second;
-    config.items.emplace_back().section = at;
-    config.items.back().places.fill(at);
-  }
+  apply(config, line);
   const std::int32_t i = get_or_create_item(&module, line.section + item_prefix.size());
-  if (i < 0) throw std::bad_alloc();
-  const snmp_meter_binding& binding = module.bindings[i];
+  if (i < 0) return refused("there is no memory for it");
+  if (config.items.size() < module.item_count) {
+    config.items.emplace_back().section = config.sections.at(line.section);
+    config.items.back().places.fill(config.items.back().section);
+  }
   item& item = config.items[static_cast<std::size_t>(i)];
   const auto key = find_key<item_key>(item_key_names, line.key);
   if (key != item_key::unknown) item.at(key) = line.at;
   switch (key) {
     case item_key::meter:
-      return about_cut(line.value, binding.meter);
+      return about_cut(line.value, module.bindings[i].meter);
     case item_key::metertype:
       if (line.value == string_view("fast") || line.value == string_view("slow")) return {};
       return {warning, " counts as slow: write fast or slow"};
     case item_key::type:
-      if (taken) return about_first_value(line.value, binding.value);
+      if (!config.refused) return about_first_value(line.value, module.bindings[i].value);
       return refused("write int, uint or string, or one with a first value, as in int:-5");
     case item_key::computeformula:
-      item.formula = taken ? line.value : "";
-      if (taken) return about_commas(line.value, &module.formula_vars);
+      item.formula = config.refused ? "" : line.value;
+      if (!config.refused) return about_commas(line.value, &module.formula_vars);
       return refused("write it over 'value', as in value*100");
     case item_key::oid:
-      if (taken) return {};
+      if (!config.refused) return {};
       return refused("write up to 19 numbers with dots between them, the first two as in 1.3");
     case item_key::unknown:
       break;
@@ -154,7 +145,7 @@ remark take_item_key(configuration& config, const ini_line& line) {
 
 // ---- Sections and files ------------------------------------------------------------------------
 
-enum section_kind { unknown, refused_once, general, an_item };
+enum section_kind { unknown, refused_before, general, an_item };
 
 // The section that the lines of a file are in.
 struct open_section {
@@ -174,27 +165,26 @@ void begin_section(configuration& config, open_section& open, string_view name, 
 }
 
 void take_key(configuration& config, open_section& open, const ini_line& line) {
+  findings& found = config.found;
   if (open.at.line == 0) {
     begin_section(config, open, line.section, line.at);
   } else if (open.name != line.section) {
-    config.found.add(open.at, warning, "the name is cut to {}", in_quotes(line.section));
+    found.add(open.at, warning, "the name is cut to {}", in_quotes(line.section));
     begin_section(config, open, line.section, open.at);
   }
-  if (open.kind == unknown) {
-    open.kind = refused_once;
-    config.found.add(open.at, error,
-                     "the keys of [{}] are refused: write [General], or [ITEM_] with a name",
-                     printable(open.name));
+  const std::string section = printable(line.section);
+  if (std::exchange(open.kind, open.kind == unknown ? refused_before : open.kind) == unknown) {
+    found.add(open.at, error,
+              "the keys of [{}] are refused: write [General], or [ITEM_] with a name", section);
   }
-  if (open.kind == refused_once) return;
-  const std::string label = fmt::format("[{}] {} = {}", printable(line.section),
-                                        printable(line.key), printable(line.value));
+  if (open.kind == refused_before) return;
+  const auto label =
+      fmt::format("[{}] {} = {}", section, printable(line.key), printable(line.value));
   const auto [kind, text] =
       open.kind == general ? take_general_key(config, line) : take_item_key(config, line);
-  if (!text.empty()) config.found.add(line.at, kind, "{}{}", label, text);
+  if (!text.empty()) found.add(line.at, kind, "{}{}", label, text);
   if (line.value[0] == '#' || std::strstr(line.value, " #") != nullptr) {
-    config.found.add(line.at, warning, "{}: the # is part of the value; a comment begins with ;",
-                     label);
+    found.add(line.at, warning, "{}: the # is part of the value; a comment begins with ;", label);
   }
 }
 
@@ -208,7 +198,7 @@ std::string read_file(configuration& config, const std::string& path) {
   open_section open{};
   module.files_read++;
   module.open_files++;
-  const std::string fault = read_ini(path, config.found, [&](const ini_line& line) {
+  std::string fault = read_ini(path, config.found, [&](const ini_line& line) {
     if (line.key != nullptr) return take_key(config, open, line);
     begin_section(config, open, line.section, line.at);
   });
@@ -217,19 +207,13 @@ std::string read_file(configuration& config, const std::string& path) {
   return fault;
 }
 
-void refresh(snmp_module& module) {
-  torvasin_host::meter_state state;
-  for (const torvasin_speed speed : {TORVASIN_SLOW, TORVASIN_FAST}) {
-    torvasin_key_value_list list;
-    sample_meters(speed, state, list);
-    refresh_items(&module, &list, speed);
-  }
-}
-
 }  // namespace
 
 configuration::configuration(const std::string& path, const meter_list& known) : meters(known) {
   torvasin_host::set_log_level(TORVASIN_LOG_ERROR);
+  torvasin_host::set_log_sink(
+      [](const torvasin_host::log_record&, void* flag) { *static_cast<bool*>(flag) = true; },
+      &refused);
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
   fault = read_file(*this, path);
   for (std::size_t i = 0; i < items.size(); ++i) {
@@ -238,13 +222,31 @@ configuration::configuration(const std::string& path, const meter_list& known) :
     items[i].binding = &module.bindings[i];
     items[i].meter = meters.find(module.bindings[i].meter);
   }
-  if (meters.live) refresh(module);
+  torvasin_host::meter_state state;
+  for (const torvasin_speed speed : {TORVASIN_SLOW, TORVASIN_FAST}) {
+    torvasin_key_value_list list;
+    if (meters.live) sample_meters(speed, state, list);
+    refresh_items(&module, &list, speed);
+  }
   if (fault.empty()) check_items(*this);
 }
 
 configuration::~configuration() {
+  torvasin_host::set_log_sink(nullptr, nullptr);
   release_items(&module);
   torvasin_host::release_all_texts();
+}
+
+std::vector<item*> configuration::in_oid_order() {
+  std::vector<item*> order;
+  for (item& each : items) {
+    if (each.oid().count > 0) order.push_back(&each);
+  }
+  std::ranges::sort(order, [](const item* a, const item* b) {
+    const int relation = compare_oid(&a->oid(), &b->oid());
+    return relation < 0 || (relation == 0 && a < b);
+  });
+  return order;
 }
 
 }  // namespace torvasin_config

@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <exception>
-#include <memory>
 
 #include "config/config.h"
 
@@ -18,21 +16,19 @@ namespace {
 constexpr const char* severity_names[] = {"error", "warning", "note"};
 constexpr char blanks[] = " \t\n\v\f\r";
 
-// The state of one file while inih reads it.
+// One file, while inih reads it.
 struct reading {
   std::FILE* file;
   findings& found;
-  const std::function<void(const ini_line&)>& take;
+  const ini_taker& take;
   place here;        // the latest line
   std::string line;  // as much of it as inih has room for
   bool line_end_due = false;
   bool line_has_key = false;
-  bool section_has_key = false;          // so that an indented line continues it
-  std::exception_ptr failure = nullptr;  // waits until inih, which is C, has returned
+  bool section_has_key = false;  // so that an indented line continues it
 
   bool read_line(std::size_t room);
   void end_line();
-  void take_key(const char* section, const char* key, const char* value);
 };
 
 // Reads the next line. False at the end of what can be read.
@@ -49,8 +45,9 @@ bool reading::read_line(std::size_t room) {
     if (length < room) line += static_cast<char>(octet);
     cut = cut || (length >= room && std::strchr(blanks, octet) == nullptr);
   }
-  if (cut)
+  if (cut) {
     found.add(here, error, "of {} octets in this line {} are read: shorten it", length, room);
+  }
   constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
   if (here.line == 1 && line.starts_with(byte_order_mark)) line.erase(0, byte_order_mark.size());
   return !line.empty();
@@ -70,42 +67,29 @@ void reading::end_line() {
   }
 }
 
-void reading::take_key(const char* section, const char* key, const char* value) {
-  line_has_key = true;
-  if (std::exchange(section_has_key, *key != '\0') && std::strchr(blanks, line[0]) != nullptr) {
-    found.add(here, warning,
-              "an indented line continues the one before: {} is taken for a value of {}; begin a "
-              "key in the first column",
-              in_quotes(value), in_quotes(key));
-  }
-  take({here, section, key, value});
-}
-
 // inih's versions differ in what they make of a line that is longer than their room. They never see
 // one: what has no room is left out, and the end of such a line is handed over by itself.
-char* next_line(char* room, int size, void* user) {
+char* next_line(char* room, int size, void* user) noexcept {
   auto& state = *static_cast<reading*>(user);
-  if (state.failure) return nullptr;
   if (std::exchange(state.line_end_due, false)) return std::strcpy(room, "\n");
-  try {
-    state.end_line();
-    state.line_has_key = false;
-    if (!state.read_line(static_cast<std::size_t>(size) - 1)) return nullptr;
-  } catch (...) {
-    state.failure = std::current_exception();
-    return nullptr;
-  }
+  state.end_line();
+  state.line_has_key = false;
+  if (!state.read_line(static_cast<std::size_t>(size) - 1)) return nullptr;
   state.line_end_due = state.line.back() != '\n';
   return std::strcpy(room, state.line.c_str());
 }
 
-int take_key(void* user, const char* section, const char* key, const char* value) {
+int take_key(void* user, const char* section, const char* key, const char* value) noexcept {
   auto& state = *static_cast<reading*>(user);
-  try {
-    state.take_key(section, key, value);
-  } catch (...) {
-    state.failure = std::current_exception();
+  const bool indented = std::strchr(blanks, state.line[0]) != nullptr;
+  if (std::exchange(state.section_has_key, *key != '\0') && indented) {
+    state.found.add(state.here, warning,
+                    "an indented line continues the one before: {} is taken for a value of {}; "
+                    "begin a key in the first column",
+                    in_quotes(value), in_quotes(key));
   }
+  state.line_has_key = true;
+  state.take({state.here, section, key, value});
   return 1;
 }
 
@@ -133,20 +117,20 @@ void findings::print(std::ostream& out) const {
   }
 }
 
-std::string read_ini(const std::string& path, findings& found,
-                     const std::function<void(const ini_line&)>& take) {
-  if (const std::string fault = torvasin_host::file_fault(path); !fault.empty()) return fault;
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                             std::fclose);
-  if (file == nullptr) return std::strerror(errno);
-  reading state = {file.get(), found, take, {found.files.size(), 0}, {}};
+std::string read_ini(const std::string& path, findings& found, const ini_taker& take) {
+  const std::string fault = torvasin_host::file_fault(path);
+  std::FILE* file = fault.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
+  if (file == nullptr) return fault.empty() ? std::strerror(errno) : fault;
+  reading state = {file, found, take, {found.files.size(), 0}, {}};
   found.files.push_back(path);
   ini_parse_stream(next_line, &state, take_key, &state);
-  if (state.failure) std::rethrow_exception(state.failure);
+  const bool failed = std::ferror(file) != 0;
   struct stat status = {};
-  if (fstat(fileno(file.get()), &status) == 0)
-    found.changed = std::max(found.changed, status.st_mtime);
-  return std::ferror(file.get()) != 0 ? std::strerror(EIO) : "";
+  if (fstat(fileno(file), &status) == 0 && status.st_mtime > found.changed) {
+    found.changed = status.st_mtime;
+  }
+  std::fclose(file);
+  return failed ? std::strerror(EIO) : "";
 }
 
 }  // namespace torvasin_config

@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <cctype>
+#include <cstdlib>
 #include <iostream>
+#include <new>
 #include <optional>
 
 #include "config/config.h"
@@ -36,7 +38,7 @@ torvasin_host::table_row row_of(const item& item) {
   constexpr const char* types[] = {"uint", "int", "", "string"};
   const snmp_meter_binding& binding = *item.binding;
   torvasin_host::table_row row = {binding.name,
-                                  dotted(item.served->oid),
+                                  dotted(item.oid()),
                                   item.typed() ? types[binding.type] : "",
                                   binding.meter,
                                   torvasin_host::speed_name(binding.fast),
@@ -85,13 +87,11 @@ exit_status run(const options& given) {
 
 std::string name_fault(const std::string& name) {
   constexpr std::size_t longest = 32;
-  const auto legal = [](unsigned char letter) { return std::isalnum(letter) || letter == '-'; };
-  if (name.size() <= longest && std::isupper(static_cast<unsigned char>(name[0])) &&
-      std::ranges::all_of(name, legal) && name.find("--") == std::string::npos &&
-      name.back() != '-') {
-    return "";
-  }
-  return in_quotes(name) + " is no name for a MIB, such as SITE-MIB";
+  const auto odd = [](unsigned char letter) { return std::isalnum(letter) == 0 && letter != '-'; };
+  const bool legal = name.size() <= longest && name[0] >= 'A' && name[0] <= 'Z' &&
+                     std::ranges::none_of(name, odd) && !name.ends_with('-') &&
+                     name.find("--") == std::string::npos;
+  return legal ? "" : in_quotes(name) + " is no name for a MIB, such as SITE-MIB";
 }
 
 exit_status run(int argc, char** argv) {
@@ -135,6 +135,7 @@ exit_status run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   using namespace torvasin_config;
+  std::set_new_handler([] { std::_Exit(fail(exit_unusable, "there is no memory left")); });
   try {
     const exit_status status = run(argc, argv);
     return std::cout.flush() ? status : fail(exit_fault, "cannot write the output");

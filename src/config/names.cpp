@@ -26,37 +26,35 @@ std::string camel_case(std::string_view text) {
   std::string result;
   bool word_begins = false;
   for (const char letter : text) {
-    if (letter > 0 && std::isalnum(letter) != 0) {
-      const int cased = word_begins ? std::toupper(letter) : letter;
-      result += static_cast<char>(result.empty() ? std::tolower(letter) : cased);
-      word_begins = false;
-    } else {
-      word_begins = true;
-    }
+    const bool kept = letter > 0 && std::isalnum(letter) != 0;
+    const int cased = result.empty() ? std::tolower(letter)
+                      : word_begins  ? std::toupper(letter)
+                                     : letter;
+    if (kept) result += static_cast<char>(cased);
+    word_begins = !kept;
   }
   return result.empty() || std::isdigit(result[0]) != 0 ? "item" + result : result;
 }
 
-// An item with all that is said of it.
 struct named_item {
   std::string name;
-  const snmp_oid* oid;
-  std::uint32_t type;  // enum snmp_item_type
-  bool counts;         // only grows, and starts again from 0
-  std::string words;   // its meter, what that is, and the formula
+  const item* source;
+  snmp_oid oid;
+  bool counts;        // only grows, and starts again from 0
+  std::string words;  // its meter, what that is, and the formula
 };
 
 named_item describe(const item& item, const std::string& name, bool meters_known) {
-  const snmp_meter_binding& binding = *item.binding;
-  const bool is_uint = binding.type == ITEM_UINT;
+  const std::string meter = item.binding->meter;
+  const bool is_uint = item.binding->type == ITEM_UINT;
   const bool counts =
-      is_uint && item.formula.empty() && item.meter != nullptr && item.meter->counts != 0;
+      is_uint && item.formula.empty() && item.meter != nullptr && item.meter->counts == 1;
   std::string words = is_uint && !counts && meters_known ? "A gauge: " : "";
-  if (item.meter != nullptr && !item.meter->description.empty())
-    words += item.meter->description + "; ";
-  words += *binding.meter != '\0' ? fmt::format("meter {}", binding.meter) : "a fixed value";
+  if (item.meter != nullptr) words += item.meter->description;
+  if (item.meter != nullptr && !item.meter->description.empty()) words += "; ";
+  words += meter.empty() ? "a fixed value" : "meter " + meter;
   if (!item.formula.empty()) words += ", formula " + item.formula;
-  return {name, &item.served->oid, binding.type, counts, words};
+  return {name, &item, item.oid(), counts, words};
 }
 
 // The items that can have a name, in the order of their OIDs. Why the others cannot is added to
@@ -69,24 +67,22 @@ std::vector<named_item> name_items(configuration& config, const std::string& res
                                 "obsolete", "mandatory", "optional", lower_case(reserved)};
   std::map<const item*, std::string> names;  // given in the order of the file
   for (const item& each : config.items) {
-    std::string& name = names[&each] = camel_case(each.binding->name);
-    const std::string base = name;
+    const std::string base = camel_case(each.binding->name);
+    std::string& name = names[&each] = base;
     for (unsigned n = 2; !used.insert(lower_case(name)).second; ++n)
-      name = base + std::to_string(n);
+      name = fmt::format("{}{}", base, n);
   }
   std::vector<named_item> named;
-  for (const item* each : in_oid_order(config)) {
-    const snmp_oid& oid = each->served->oid;
-    const char* reason = nullptr;
-    if (!each->typed()) reason = "has no type";
-    if (!can_be_named(oid)) reason = "has an OID that no request can name";
-    if (!named.empty() && compare_oid(named.back().oid, &oid) == 0) {
-      reason = "has the OID of another item";
-    }
-    if (reason != nullptr) {
-      left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[each], reason);
-    } else {
+  for (const item* each : config.in_oid_order()) {
+    const bool again = !named.empty() && compare_oid(&named.back().oid, &each->oid()) == 0;
+    const char* reason = again                        ? "has the OID of another item"
+                         : !can_be_named(each->oid()) ? "has an OID that no request can name"
+                         : !each->typed()             ? "has no type"
+                                                      : nullptr;
+    if (reason == nullptr) {
       named.push_back(describe(*each, names[each], config.meters.known));
+    } else {
+      left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[each], reason);
     }
   }
   return named;
@@ -113,12 +109,12 @@ std::vector<definition> define(const std::vector<named_item>& items, std::string
   std::vector<definition> all;
   for (std::size_t at = 0; at < items.size(); ++at) {
     // An OID that ends in 0 is an instance, unless the object would have more below it.
-    const snmp_oid& oid = *items[at].oid;
+    const snmp_oid& oid = items[at].oid;
     snmp_oid parent = oid;
     --parent.count;
     const bool scalar = oid.subid[parent.count] == 0 && oid.subid[parent.count - 1] != 0 &&
-                        (at == 0 || !is_below(*items[at - 1].oid, parent)) &&
-                        (at + 1 == items.size() || !is_below(*items[at + 1].oid, parent));
+                        (at == 0 || !is_below(items[at - 1].oid, parent)) &&
+                        (at + 1 == items.size() || !is_below(items[at + 1].oid, parent));
     const snmp_oid& node = scalar ? parent : oid;
     if (node.count >= enterprise_numbers && node.subid[0] <= 2) {
       all.push_back({&items[at], node, scalar});
@@ -196,6 +192,11 @@ constexpr char new_head[] = R"(# For prometheus-snmp-exporter since 0.23; made b
 modules:
   torvasin:
 )";
+constexpr char metric[] = R"(      - name: {}
+        oid: {}
+        type: {}
+        help: "{}"
+)";
 
 }  // namespace
 
@@ -213,39 +214,36 @@ void print_mib(configuration& config, const std::string& module_name) {
                            smi_text(path.substr(path.rfind('/') + 1)),
                            value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
   for (const auto& [item, node, scalar] : all) {
-    const char* syntax = item->type == ITEM_UINT  ? "Counter32"
-                         : item->type == ITEM_INT ? "Integer32"
-                                                  : "OCTET STRING";
-    std::cout << '\n' << item->name << (scalar ? " OBJECT-TYPE\n" : " OBJECT-IDENTITY\n");
-    if (scalar) std::cout << "    SYNTAX      " << syntax << "\n    MAX-ACCESS  read-only\n";
-    std::cout << "    STATUS      current\n    DESCRIPTION \"" << smi_text(item->words)
-              << "\"\n    ::= " << value_of(node, arc, identity) << '\n';
+    constexpr const char* syntaxes[] = {"Counter32", "Integer32", "", "OCTET STRING"};
+    std::cout << fmt::format("\n{} {}\n", item->name, scalar ? "OBJECT-TYPE" : "OBJECT-IDENTITY");
+    if (scalar) {
+      std::cout << fmt::format("    SYNTAX      {}\n    MAX-ACCESS  read-only\n",
+                               syntaxes[item->source->binding->type]);
+    }
+    std::cout << fmt::format("    STATUS      current\n    DESCRIPTION \"{}\"\n    ::= {}\n",
+                             smi_text(item->words), value_of(node, arc, identity));
   }
   std::cout << '\n' << left_out << (left_out.empty() ? "" : "\n") << "END\n";
 }
 
 void print_prometheus(configuration& config, bool old_form) {
+  constexpr const char* types[] = {"gauge", "gauge", "", "DisplayString"};
   std::string left_out;
   std::string oids;
   std::string metrics;
-  const snmp_oid* above = nullptr;
-  for (const auto& [name, oid, type, counts, words] : name_items(config, "", "#", left_out)) {
+  snmp_oid above{};
+  for (const auto& [name, source, oid, counts, words] : name_items(config, "", "#", left_out)) {
     // For the exporter it would be an instance of that metric.
-    if (above != nullptr && is_below(*oid, *above)) {
+    if (above.count > 0 && is_below(oid, above)) {
       left_out += fmt::format("# {} is left out: its OID is below that of another item.\n", name);
       continue;
     }
     above = oid;
-    oids += fmt::format("      - {}\n", dotted(*oid));
-    metrics +=
-        fmt::format("      - name: {}\n        oid: {}\n        type: {}\n        help: \"{}\"\n",
-                    name, dotted(*oid),
-                    type == ITEM_STRING ? "DisplayString"
-                    : counts            ? "counter"
-                                        : "gauge",
-                    printable(words));
+    oids += fmt::format("      - {}\n", dotted(oid));
+    metrics += fmt::format(metric, name, dotted(oid),
+                           counts ? "counter" : types[source->binding->type], printable(words));
   }
-  if (above == nullptr) throw std::runtime_error("there is no item for a metric");
+  if (metrics.empty()) throw std::runtime_error("there is no item for a metric");
   std::cout << (old_form ? fmt::format(old_head, left_out) : fmt::format(new_head, left_out))
             << "    max_repetitions: 10\n    get:\n"
             << oids << "    metrics:\n"
