@@ -188,9 +188,8 @@ int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t 
   while (finished[-1] >= 0x80) finished--;
   while (octet < finished && next != std::end(oid->subid)) {
     uint32_t subid = *octet & 0x7Fu;
-    while (*octet >= 0x80) subid = subid << 7 | (*++octet & 0x7Fu);
+    while (*octet++ >= 0x80) subid = subid << 7 | (*octet & 0x7Fu);
     *next++ = subid;
-    octet++;
   }
   oid->count = static_cast<uint64_t>(next - oid->subid);
   if (octet == end) return 0;
@@ -493,8 +492,13 @@ size_t subid_groups(uint32_t subid) {
 }
 
 size_t oid_content(const uint32_t* subid, size_t count) {
-  size_t content = 1;
-  for (size_t i = 2; i < count; i++) content += subid_groups(subid[i]);
+  if (count < 3) return 1;
+  size_t content = count - 1;  // as many as there are if each sub-identifier takes one
+  for (size_t i = 2; i < count; i++) {
+    if (subid[i] >= 0x80) [[unlikely]] {
+      content += subid_groups(subid[i]) - 1;
+    }
+  }
   return content;
 }
 
