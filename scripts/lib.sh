@@ -40,12 +40,16 @@ need_packages() {
     apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
-# Configures a CMake preset once and brings its build up to date. Shows the progress on a terminal.
+# Configures a CMake preset once and brings its build up to date. Shows the progress in one line of a
+# terminal, and elsewhere nothing but the line that it begins with.
 build_preset() {
-  local quiet=()
-  [ -t 1 ] || { printf 'Building build/%s\n' "$1" && quiet=(-- --quiet); }
   [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
-  cmake --build "build/$1" "${quiet[@]}"
+  if [ -t 1 ]; then
+    cmake --build "build/$1"
+  else
+    printf 'Building build/%s\n' "$1"
+    cmake --build "build/$1" -- --quiet | sed '/^ninja: no work to do/d'
+  fi
 }
 
 # sources NAME...: the files of the tree, but for builds, whose names match one of the patterns.
