@@ -273,15 +273,16 @@ void preStopCycle(torvasin_plugin_context* context) {
 }
 
 void report(const instance& self) {
-  size_t seen = 0;
+  int wanted = 0;
+  int seen = 0;
   for (const item& one : std::span(self.items).first(self.item_count)) {
+    if (one.meter[0] == '\0') continue;
+    wanted++;
     seen += one.seen ? 1 : 0;
-    if (one.seen || one.meter[0] == '\0') continue;
-    say(TORVASIN_LOG_WARNING, "no list of its speed had '%s'", one.meter);
+    if (!one.seen) say(TORVASIN_LOG_WARNING, "no list of its speed had '%s'", one.meter);
   }
-  say(TORVASIN_LOG_WARNING,
-      "%u checks, %u faults; %d fast and %d slow lists, values for %zu of %zu items", checks.load(),
-      faults.load(), self.fast.called.load(), self.slow.called.load(), seen, self.item_count);
+  say(TORVASIN_LOG_WARNING, "%u checks, %u faults; %d fast and %d slow lists with %d of %d meters",
+      checks.load(), faults.load(), self.fast.called.load(), self.slow.called.load(), seen, wanted);
 }
 
 void stopCycle(torvasin_plugin_context* context, int32_t) {
