@@ -121,6 +121,24 @@ struct item {
   const snmp_oid& oid() const { return served->oid; }
 };
 
+// What an enum snmp_item_type is called in a configuration, in a MIB and in an snmp.yml.
+struct type_words {
+  const char* name;
+  const char* syntax;
+  const char* metric;
+};
+constexpr type_words words_of(std::uint32_t type) {
+  switch (static_cast<snmp_item_type>(type)) {
+    case ITEM_UINT:
+      return {"uint", "Counter32", "gauge"};
+    case ITEM_INT:
+      return {"int", "Integer32", "gauge"};
+    case ITEM_STRING:
+      return {"string", "OCTET STRING", "DisplayString"};
+  }
+  return {"", "", ""};
+}
+
 // Reads a file and those that it includes. Live meters give each item the value that they have now.
 // Only one may exist at a time: it takes the module's log.
 struct configuration {

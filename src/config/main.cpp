@@ -35,11 +35,10 @@ exit_status unreadable(const std::string& path, const std::string& fault) {
 }
 
 torvasin_host::table_row row_of(const item& item) {
-  constexpr const char* types[] = {"uint", "int", "", "string"};
   const snmp_meter_binding& binding = *item.binding;
   torvasin_host::table_row row = {binding.name,
                                   dotted(item.oid()),
-                                  item.typed() ? types[binding.type] : "",
+                                  item.typed() ? words_of(binding.type).name : "",
                                   binding.meter,
                                   torvasin_host::speed_name(binding.fast),
                                   item.formula,

@@ -214,11 +214,10 @@ void print_mib(configuration& config, const std::string& module_name) {
                            smi_text(path.substr(path.rfind('/') + 1)),
                            value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
   for (const auto& [item, node, scalar] : all) {
-    constexpr const char* syntaxes[] = {"Counter32", "Integer32", "", "OCTET STRING"};
     std::cout << fmt::format("\n{} {}\n", item->name, scalar ? "OBJECT-TYPE" : "OBJECT-IDENTITY");
     if (scalar) {
       std::cout << fmt::format("    SYNTAX      {}\n    MAX-ACCESS  read-only\n",
-                               syntaxes[item->source->binding->type]);
+                               words_of(item->source->binding->type).syntax);
     }
     std::cout << fmt::format("    STATUS      current\n    DESCRIPTION \"{}\"\n    ::= {}\n",
                              smi_text(item->words), value_of(node, arc, identity));
@@ -227,7 +226,6 @@ void print_mib(configuration& config, const std::string& module_name) {
 }
 
 void print_prometheus(configuration& config, bool old_form) {
-  constexpr const char* types[] = {"gauge", "gauge", "", "DisplayString"};
   std::string left_out;
   std::string oids;
   std::string metrics;
@@ -240,8 +238,9 @@ void print_prometheus(configuration& config, bool old_form) {
     }
     above = oid;
     oids += fmt::format("      - {}\n", dotted(oid));
-    metrics += fmt::format(metric, name, dotted(oid),
-                           counts ? "counter" : types[source->binding->type], printable(words));
+    metrics +=
+        fmt::format(metric, name, dotted(oid),
+                    counts ? "counter" : words_of(source->binding->type).metric, printable(words));
   }
   if (metrics.empty()) throw std::runtime_error("there is no item for a metric");
   std::cout << (old_form ? fmt::format(old_head, left_out) : fmt::format(new_head, left_out))

@@ -209,15 +209,22 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
 
 namespace {
 
-// Stores a meter's value in the item as it is. It is converted, and the formula applied, when the
-// item is served. An item takes the tag that equals its type; a numeric item also takes a float.
-void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) {
-  const bool numeric = binding->type == ITEM_UINT || binding->type == ITEM_INT;
-  if (!numeric && binding->type != ITEM_STRING) {
-    SNMP_LOG(TRACE, "not yet managed %d", __LINE__);
-    return;
+bool takes(snmp_item_type type, uint32_t tag) {
+  switch (type) {
+    case ITEM_UINT:
+    case ITEM_INT:
+      return tag == type || tag == TORVASIN_FLOAT;
+    case ITEM_STRING:
+      return tag == TORVASIN_TEXT;
   }
-  if (meter->type != binding->type && !(numeric && meter->type == TORVASIN_FLOAT)) return;
+  SNMP_LOG(TRACE, "not yet managed %d", __LINE__);
+  return false;
+}
+
+// Stores a meter's value in the item as it is, if the item takes its tag. It is converted, and the
+// formula applied, when the item is served.
+void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) {
+  if (!takes(static_cast<snmp_item_type>(binding->type), meter->type)) return;
   binding->refreshed = 1;
   switch (meter->type) {
     case TORVASIN_UINT32:
