@@ -48,7 +48,7 @@ TEST(values, oids) {
   };
   for (const auto& [oid, hex] : rows) {
     check(hex, get_oidlen(oid.data(), oid.size()),
-          [&oid = oid](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, oid.data(), oid.size())); });
+          [&name = oid](uint8_t* at) { EXPECT_EQ(0, encode_snmp_oid(at, name.data(), name.size())); });
   }
   const object_id one = {1, 0}, too_long(65537, 1);
   captured_log log;
