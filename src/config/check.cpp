@@ -96,18 +96,14 @@ bool fit_one_response(std::span<item* const> asked) {
   return encode_snmp_response(&request, &response, room, sizeof room, &message, &length) == 0;
 }
 
-void check_neighbours(findings& found, std::span<item* const> left) {
-  while (!left.empty()) {
-    const auto asked = left.first(std::min(left.size(), neighbours));
-    const bool fit = fit_one_response(asked);
-    if (!fit) {
-      say(found, *asked[0], asked[0]->section, note,
-          "no response has room for it and its next {} neighbours: shorten the texts, or ask for "
-          "fewer at once",
-          asked.size() - 1);
-    }
-    if (asked.size() == left.size()) return;
-    left = left.subspan(fit ? 1 : asked.size());
+void check_neighbours(findings& found, const std::vector<item*>& order) {
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    const auto asked = std::span(order).subspan(i, std::min(neighbours, order.size() - i));
+    if (fit_one_response(asked)) continue;
+    return say(found, *order[i], order[i]->section, note,
+               "no response has room for it and its next {} neighbours: shorten the texts, or ask "
+               "for fewer at once",
+               asked.size() - 1);
   }
 }
 

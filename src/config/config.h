@@ -66,9 +66,12 @@ struct findings {
 // What inih makes of a line. The texts are valid during the call that hands them over.
 struct ini_line {
   place at;
-  const char* section;  // cut where inih cuts it, but not where it begins
+  place section_at;     // where the section begins here; at the first key if it has no line
+  const char* written;  // its name as it is written
+  bool is_first;        // of its keys here
+  const char* section;  // its name, cut where inih cuts it; null where it begins
   const char* key;      // null where the section begins
-  const char* value;
+  const char* value;    // the same
 };
 
 using ini_taker = std::function<void(const ini_line&)>;  // throws nothing
@@ -153,7 +156,7 @@ struct configuration {
   std::string fault;  // why the file cannot be read; empty if it was
   findings found;
   std::vector<item> items;                // in the order of the module's tables
-  std::map<std::string, place> sections;  // where each begins first
+  std::map<std::string, place> sections;  // where each gives its first key
   snmp_module module{};
   torvasin_plugin_context context{"snmp", nullptr, {}, &module};
   bool refused = false;  // the module has not taken the latest line

@@ -145,43 +145,30 @@ remark take_item_key(configuration& config, const ini_line& line) {
 
 // ---- Sections and files ------------------------------------------------------------------------
 
-enum section_kind { unknown, refused_before, general, an_item };
-
-// The section that the lines of a file are in.
-struct open_section {
-  std::string name;
-  place at;  // where it begins here; line 0 before the first one
-  section_kind kind;
-};
-
-void begin_section(configuration& config, open_section& open, string_view name, place at) {
-  const bool named = name.starts_with(item_prefix) && name != item_prefix;
-  open = {std::string(name), at, name == "General" ? general : named ? an_item : unknown};
-  const auto [first, fresh] = config.sections.try_emplace(open.name, at);
-  // [General] may well be spread over files.
-  if (fresh || (open.kind == general && first->second.file != at.file)) return;
-  config.found.add(at, warning, "[{}] is at {} already: the keys below add to that one",
-                   printable(name), config.found.text(first->second));
-}
-
-void take_key(configuration& config, open_section& open, const ini_line& line) {
+void take_key(configuration& config, const ini_line& line) {
   findings& found = config.found;
-  if (open.at.line == 0) {
-    begin_section(config, open, line.section, line.at);
-  } else if (open.name != line.section) {
-    found.add(open.at, warning, "the name is cut to {}", in_quotes(line.section));
-    begin_section(config, open, line.section, open.at);
+  const string_view name = line.section;
+  const std::string section = printable(name);
+  const bool general = name == "General";
+  const bool known = general || (name.starts_with(item_prefix) && name != item_prefix);
+  if (line.is_first) {
+    if (name != line.written)
+      found.add(line.section_at, warning, "the name is cut to '{}'", section);
+    if (!known) {
+      found.add(line.section_at, error,
+                "the keys of [{}] are refused: write [General], or [ITEM_] with a name", section);
+    }
+    const auto [before, fresh] = config.sections.try_emplace(line.section, line.section_at);
+    // [General] may well be spread over files.
+    if (!fresh && !(general && before->second.file != line.at.file)) {
+      found.add(line.section_at, warning, "[{}] is at {} already: the keys below add to that one",
+                section, found.text(before->second));
+    }
   }
-  const std::string section = printable(line.section);
-  if (std::exchange(open.kind, open.kind == unknown ? refused_before : open.kind) == unknown) {
-    found.add(open.at, error,
-              "the keys of [{}] are refused: write [General], or [ITEM_] with a name", section);
-  }
-  if (open.kind == refused_before) return;
+  if (!known) return;
   const auto label =
       fmt::format("[{}] {} = {}", section, printable(line.key), printable(line.value));
-  const auto [kind, text] =
-      open.kind == general ? take_general_key(config, line) : take_item_key(config, line);
+  const auto [kind, text] = general ? take_general_key(config, line) : take_item_key(config, line);
   if (!text.empty()) found.add(line.at, kind, "{}{}", label, text);
   if (line.value[0] == '#' || std::strstr(line.value, " #") != nullptr) {
     found.add(line.at, warning, "{}: the # is part of the value; a comment begins with ;", label);
@@ -195,12 +182,10 @@ std::string read_file(configuration& config, const std::string& path) {
     return fmt::format("more than {} files inside one another or {} in all", MAX_OPEN_FILES,
                        MAX_FILES);
   }
-  open_section open{};
   module.files_read++;
   module.open_files++;
   std::string fault = read_ini(path, config.found, [&](const ini_line& line) {
-    if (line.key != nullptr) return take_key(config, open, line);
-    begin_section(config, open, line.section, line.at);
+    if (line.key != nullptr) take_key(config, line);
   });
   module.open_files--;
   if (!fault.empty()) module.files_read--;  // which counts those that were opened

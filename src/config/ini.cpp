@@ -21,8 +21,10 @@ struct reading {
   std::FILE* file;
   findings& found;
   const ini_taker& take;
-  place here;        // the latest line
-  std::string line;  // as much of it as inih has room for
+  place here;           // the latest line
+  std::string line;     // as much of it as inih has room for
+  place section_at;     // line 0 before the first section
+  std::string section;  // as it is written
   bool line_end_due = false;
   bool line_has_key = false;
   bool section_has_key = false;  // so that an indented line continues it
@@ -62,8 +64,10 @@ void reading::end_line() {
   if (text[0] != '[' || bracket >= std::min(text.find(" ;"), text.size())) {
     found.add(here, error, "{} is no [section], key = value or ; comment", in_quotes(text));
   } else {
+    section = text.substr(1, bracket - 1);
+    section_at = here;
     section_has_key = false;
-    take({here, text.substr(1, bracket - 1).c_str(), nullptr, nullptr});
+    take({here, here, section.c_str(), false, nullptr, nullptr, nullptr});
   }
 }
 
@@ -81,15 +85,16 @@ char* next_line(char* room, int size, void* user) noexcept {
 
 int take_key(void* user, const char* section, const char* key, const char* value) noexcept {
   auto& state = *static_cast<reading*>(user);
-  const bool indented = std::strchr(blanks, state.line[0]) != nullptr;
-  if (std::exchange(state.section_has_key, *key != '\0') && indented) {
+  const bool is_first = !std::exchange(state.section_has_key, true);
+  if (state.section_at.line == 0) state.section_at = state.here;
+  if (!is_first && std::strchr(blanks, state.line[0]) != nullptr) {
     state.found.add(state.here, warning,
                     "an indented line continues the one before: {} is taken for a value of {}; "
                     "begin a key in the first column",
                     in_quotes(value), in_quotes(key));
   }
   state.line_has_key = true;
-  state.take({state.here, section, key, value});
+  state.take({state.here, state.section_at, state.section.c_str(), is_first, section, key, value});
   return 1;
 }
 
@@ -121,7 +126,7 @@ std::string read_ini(const std::string& path, findings& found, const ini_taker& 
   const std::string fault = torvasin_host::file_fault(path);
   std::FILE* file = fault.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
   if (file == nullptr) return fault.empty() ? std::strerror(errno) : fault;
-  reading state = {file, found, take, {found.files.size(), 0}, {}};
+  reading state = {file, found, take, {found.files.size(), 0}, {}, {}, {}};
   found.files.push_back(path);
   ini_parse_stream(next_line, &state, take_key, &state);
   const bool failed = std::ferror(file) != 0;

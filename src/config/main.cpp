@@ -25,13 +25,13 @@ struct options {
   std::string exporter = "0.28";
 };
 
+std::string cannot_read(const std::string& path, const std::string& fault) {
+  return "cannot read " + in_quotes(path) + ": " + fault;
+}
+
 exit_status fail(exit_status status, const std::string& message) {
   std::cerr << "torvasin_config: " << message << '\n';
   return status;
-}
-
-exit_status unreadable(const std::string& path, const std::string& fault) {
-  return fail(exit_unusable, "cannot read " + in_quotes(path) + ": " + fault);
 }
 
 torvasin_host::table_row row_of(const item& item) {
@@ -68,12 +68,12 @@ exit_status run(const options& given) {
   if (given.meters) {
     findings found;
     const std::string fault = read_meters(*given.meters, found, meters);
-    if (!fault.empty()) return unreadable(*given.meters, fault);
+    if (!fault.empty()) return fail(exit_unusable, cannot_read(*given.meters, fault));
     found.print(checks ? std::cout : std::cerr);
     if (found.count(error) > 0) return exit_unusable;
   }
   configuration config(given.path, meters);
-  if (!config.fault.empty()) return unreadable(given.path, config.fault);
+  if (!config.fault.empty()) return fail(exit_unusable, cannot_read(given.path, config.fault));
   if (checks) return check(config, given);
   if (config.found.count(error) > 0) {
     return fail(exit_fault, fmt::format("{} has {}, which torvasin_config check shows",

@@ -59,11 +59,11 @@ std::string read_meters(const std::string& path, findings& found, meter_list& li
   list = {true, false, {}};
   const std::string fault = read_ini(path, found, [&](const ini_line& line) {
     if (line.key == nullptr) {
-      if (const listed_meter* same = list.find(line.section)) {
-        found.add(line.at, error, "[{}] is at {} already", printable(line.section),
+      if (const listed_meter* same = list.find(line.written)) {
+        found.add(line.at, error, "[{}] is at {} already", printable(line.written),
                   found.text(same->at));
       }
-      list.all.push_back({line.section, line.at, missing, missing, 0, ""});
+      list.all.push_back({line.written, line.at, missing, missing, 0, ""});
     } else if (list.all.empty()) {
       found.add(line.at, error, "a key before the first section, which is to name a meter");
     } else {

@@ -38,23 +38,25 @@ std::string camel_case(std::string_view text) {
 
 struct named_item {
   std::string name;
-  const item* source;
+  std::uint32_t type;  // enum snmp_item_type
+  bool counts;         // only grows, and starts again from 0
+  std::string words;   // its meter, what that is, and the formula
   snmp_oid oid;
-  bool counts;        // only grows, and starts again from 0
-  std::string words;  // its meter, what that is, and the formula
+  snmp_oid node = oid;  // in a MIB
+  bool scalar = false;  // the node is an object, of which the item is the instance; else a name
 };
 
 named_item describe(const item& item, const std::string& name, bool meters_known) {
   const std::string meter = item.binding->meter;
+  const std::string what = item.meter != nullptr ? item.meter->description : "";
   const bool is_uint = item.binding->type == ITEM_UINT;
   const bool counts =
       is_uint && item.formula.empty() && item.meter != nullptr && item.meter->counts == 1;
-  std::string words = is_uint && !counts && meters_known ? "A gauge: " : "";
-  if (item.meter != nullptr) words += item.meter->description;
-  if (item.meter != nullptr && !item.meter->description.empty()) words += "; ";
-  words += meter.empty() ? "a fixed value" : "meter " + meter;
-  if (!item.formula.empty()) words += ", formula " + item.formula;
-  return {name, &item, item.oid(), counts, words};
+  const std::string words =
+      fmt::format("{}{}{}{}{}{}{}", is_uint && !counts && meters_known ? "A gauge: " : "", what,
+                  what.empty() ? "" : "; ", meter.empty() ? "a fixed value" : "meter ", meter,
+                  item.formula.empty() ? "" : ", formula ", item.formula);
+  return {name, item.binding->type, counts, words, item.oid()};
 }
 
 // The items that can have a name, in the order of their OIDs. Why the others cannot is added to
@@ -95,44 +97,24 @@ bool is_below(const snmp_oid& oid, const snmp_oid& arc) {
 
 // ---- MIB ---------------------------------------------------------------------------------------
 
-// 1.3.6.1.4.1.N: where an enterprise's arc ends. What SMI itself defines is shorter.
+// 1.3.6.1.4.1.N: the arc of an enterprise, which is the MIB itself. SMI defines what is above.
 constexpr std::size_t enterprise_numbers = 7;
-constexpr std::uint32_t spare_number = INT32_MAX;  // for an identity that has no arc for itself
 
-struct definition {
-  const named_item* item;
-  snmp_oid node;
-  bool scalar;  // an object, of which the item is the instance; else a name for the item's OID
-};
-
-std::vector<definition> define(const std::vector<named_item>& items, std::string& left_out) {
-  std::vector<definition> all;
-  for (std::size_t at = 0; at < items.size(); ++at) {
-    // An OID that ends in 0 is an instance, unless the object would have more below it.
-    const snmp_oid& oid = items[at].oid;
-    snmp_oid parent = oid;
-    --parent.count;
-    const bool scalar = oid.subid[parent.count] == 0 && oid.subid[parent.count - 1] != 0 &&
-                        (at == 0 || !is_below(items[at - 1].oid, parent)) &&
-                        (at + 1 == items.size() || !is_below(items[at + 1].oid, parent));
-    const snmp_oid& node = scalar ? parent : oid;
-    if (node.count >= enterprise_numbers && node.subid[0] <= 2) {
-      all.push_back({&items[at], node, scalar});
-    } else {
-      left_out += fmt::format("-- {} is left out: its OID is too high up.\n", items[at].name);
-    }
+// Finds the nodes of items. An OID that ends in 0 is an instance, unless the object would have more
+// below it.
+void place_nodes(std::vector<named_item>& items, std::string& left_out) {
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    snmp_oid parent = items[i].oid;
+    const bool ends_in_0 = parent.subid[--parent.count] == 0 && parent.subid[parent.count - 1] != 0;
+    items[i].scalar = ends_in_0 && (i == 0 || !is_below(items[i - 1].oid, parent)) &&
+                      (i + 1 == items.size() || !is_below(items[i + 1].oid, parent));
+    if (items[i].scalar) items[i].node = parent;
   }
-  return all;
-}
-
-// The enterprise of the last item, which stays as items come and go. With a number behind it where
-// it is an item itself.
-snmp_oid identity_arc(const std::vector<definition>& all) {
-  snmp_oid arc = all.back().node;
-  arc.count = enterprise_numbers;
-  const auto is_arc = [&arc](const definition& each) { return compare_oid(&each.node, &arc) == 0; };
-  if (std::ranges::any_of(all, is_arc)) arc.subid[arc.count++] = spare_number;
-  return arc;
+  std::erase_if(items, [&left_out](const named_item& item) {
+    if (item.node.count > enterprise_numbers && item.node.subid[0] <= 2) return false;
+    left_out += fmt::format("-- {} is left out: its OID is too high up.\n", item.name);
+    return true;
+  });
 }
 
 // As SMI writes it, below the identity's arc where it is.
@@ -175,23 +157,13 @@ IMPORTS
     ::= {4}
 )";
 
+constexpr char object[] = "\n{} OBJECT-TYPE\n    SYNTAX      {}\n    MAX-ACCESS  read-only\n";
+
 // ---- Prometheus --------------------------------------------------------------------------------
 
-// What is before the metrics; the exporter asks for ten OIDs at a time.
-constexpr char old_head[] = R"(# For prometheus-snmp-exporter before 0.23; made by torvasin_config.
-{}torvasin:
-    version: 2
-    auth:
-      community: public
-)";
-constexpr char new_head[] = R"(# For prometheus-snmp-exporter since 0.23; made by torvasin_config.
-{}auths:
-  public_v2:
-    version: 2
-    community: public
-modules:
-  torvasin:
-)";
+constexpr char before_0_23[] = "torvasin:\n    version: 2\n    auth:\n      community: public\n";
+constexpr char since_0_23[] =
+    "auths:\n  public_v2:\n    version: 2\n    community: public\nmodules:\n  torvasin:\n";
 constexpr char metric[] = R"(      - name: {}
         oid: {}
         type: {}
@@ -205,22 +177,20 @@ void print_mib(configuration& config, const std::string& module_name) {
   if (subject.ends_with("-mib")) subject.resize(subject.rfind('-'));
   const std::string identity = camel_case(subject);
   std::string left_out;
-  const auto items = name_items(config, identity, "--", left_out);
-  const auto all = define(items, left_out);
-  if (all.empty()) throw std::runtime_error("there is no item for a MIB");
-  const snmp_oid arc = identity_arc(all);
+  auto items = name_items(config, identity, "--", left_out);
+  place_nodes(items, left_out);
+  if (items.empty()) throw std::runtime_error("there is no item for a MIB");
+  snmp_oid arc = items.back().node;  // the last stays as items come and go
+  arc.count = enterprise_numbers;
   const std::string& path = config.found.files[0];
   std::cout << fmt::format(mib_head, module_name, identity, stamp(config.found.changed),
                            smi_text(path.substr(path.rfind('/') + 1)),
                            value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
-  for (const auto& [item, node, scalar] : all) {
-    std::cout << fmt::format("\n{} {}\n", item->name, scalar ? "OBJECT-TYPE" : "OBJECT-IDENTITY");
-    if (scalar) {
-      std::cout << fmt::format("    SYNTAX      {}\n    MAX-ACCESS  read-only\n",
-                               words_of(item->source->binding->type).syntax);
-    }
-    std::cout << fmt::format("    STATUS      current\n    DESCRIPTION \"{}\"\n    ::= {}\n",
-                             smi_text(item->words), value_of(node, arc, identity));
+  for (const named_item& item : items) {
+    std::cout << (item.scalar ? fmt::format(object, item.name, words_of(item.type).syntax)
+                              : fmt::format("\n{} OBJECT-IDENTITY\n", item.name))
+              << fmt::format("    STATUS      current\n    DESCRIPTION \"{}\"\n    ::= {}\n",
+                             smi_text(item.words), value_of(item.node, arc, identity));
   }
   std::cout << '\n' << left_out << (left_out.empty() ? "" : "\n") << "END\n";
 }
@@ -230,20 +200,23 @@ void print_prometheus(configuration& config, bool old_form) {
   std::string oids;
   std::string metrics;
   snmp_oid above{};
-  for (const auto& [name, source, oid, counts, words] : name_items(config, "", "#", left_out)) {
+  for (const named_item& item : name_items(config, "", "#", left_out)) {
     // For the exporter it would be an instance of that metric.
-    if (above.count > 0 && is_below(oid, above)) {
-      left_out += fmt::format("# {} is left out: its OID is below that of another item.\n", name);
+    if (above.count > 0 && is_below(item.oid, above)) {
+      left_out +=
+          fmt::format("# {} is left out: its OID is below that of another item.\n", item.name);
       continue;
     }
-    above = oid;
-    oids += fmt::format("      - {}\n", dotted(oid));
+    above = item.oid;
+    oids += fmt::format("      - {}\n", dotted(item.oid));
     metrics +=
-        fmt::format(metric, name, dotted(oid),
-                    counts ? "counter" : words_of(source->binding->type).metric, printable(words));
+        fmt::format(metric, item.name, dotted(item.oid),
+                    item.counts ? "counter" : words_of(item.type).metric, printable(item.words));
   }
   if (metrics.empty()) throw std::runtime_error("there is no item for a metric");
-  std::cout << (old_form ? fmt::format(old_head, left_out) : fmt::format(new_head, left_out))
+  std::cout << "# For prometheus-snmp-exporter " << (old_form ? "before" : "since")
+            << " 0.23; made by torvasin_config.\n"
+            << left_out << (old_form ? before_0_23 : since_0_23)
             << "    max_repetitions: 10\n    get:\n"
             << oids << "    metrics:\n"
             << metrics;
