@@ -151,13 +151,4 @@ const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]);
 // The poller's send callback. The context is an snmp_send_ctx. Sends once and always returns 0.
 int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length);
 
-// ---- Entries, called by the host through the descriptor ----------------------------------------
-
-#pragma GCC visibility push(default)
-extern "C" {
-extern const torvasin_plugin_entry plugin_entry_0_6;
-extern const char* const plugin_entry_torvasin_module_version;
-}
-#pragma GCC visibility pop
-
 #endif  // TORVASIN_SNMP_MAINSNMP_H
