@@ -8,7 +8,6 @@
 #include "torvasin.h"
 
 static int calls[2], speeds[2] = {TORVASIN_SLOW, TORVASIN_FAST};
-static pthread_t thread;
 
 static int take(const torvasin_key_value_list* list, void* speed) {
   const int fast = *(int*)speed;
@@ -35,11 +34,11 @@ static void* idle(void* context) {
 }
 
 static void start_thread(torvasin_plugin_context* context) {
+  pthread_t thread;
   if (strcmp(context->name, "lazy") != 0) pthread_create(&thread, NULL, idle, context);
 }
 
 static void pre_stop(torvasin_plugin_context* context) { (void)context; }
-
 static void stop(torvasin_plugin_context* context, int32_t n) { (void)context, (void)n; }
 
 __attribute__((visibility("default"))) const char* const plugin_entry_torvasin_module_version = "7";
