@@ -17,10 +17,12 @@ function(torvasin_manual name section document)
   endif()
   set(source ${PROJECT_SOURCE_DIR}/docs/${document})
   set(page ${PROJECT_BINARY_DIR}/man/${name}.${section})
-  file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
+  # The first line of a page with tables tells man(1) to run tbl.
+  file(WRITE ${PROJECT_BINARY_DIR}/man/first_line "'\\\" t\n")
   add_custom_command(OUTPUT ${page}
-    COMMAND ${LOWDOWN} -s -Tman --out-no-smarty --nroff-nolinks --parse-no-intraemph -o ${page}
+    COMMAND ${LOWDOWN} -s -Tman --out-no-smarty --nroff-nolinks --parse-no-intraemph -o ${page}.body
       -M title=${name} -M section=${section} -M "source=torvasin_snmp ${PROJECT_VERSION}" ${source}
+    COMMAND ${CMAKE_COMMAND} -E cat ${PROJECT_BINARY_DIR}/man/first_line ${page}.body > ${page}
     DEPENDS ${source} VERBATIM)
   add_custom_target(${name}.${section} ALL DEPENDS ${page})
   install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
