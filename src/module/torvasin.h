@@ -7,16 +7,18 @@
 //
 // Loading. The host defines all torvasin_ functions below and exports them to the libraries that it
 // loads: from the program, linked with -rdynamic, or from a library loaded with RTLD_GLOBAL. If one
-// is missing, dlopen fails. The host gives dlopen a path with a slash: a bare file name is searched
-// for among the system's libraries only, and the module is not there. It finds the two symbols at
-// the end of this file with dlsym. It may unload the module when every instance is stopped.
+// is missing, dlopen fails. The host gives dlopen RTLD_NOW and a path with a slash: a bare file
+// name is searched for among the system's libraries only, and the module is not there. It finds the
+// two symbols at the end of this file with dlsym. It may unload the module when each instance is
+// stopped, or its startCycle failed.
 //
 // Rules for every host function:
 //  - The module calls it from startCycle, from stopCycle or from a meter callback; "called from"
 //    says which. From threads of its own, the module calls torvasin_log and nothing else.
 //  - The module may hold a lock of its own during the call. Therefore the function must not wait:
-//    not for a reader or a disk, and not for a lock that the host holds while it calls a callback.
-//    Only torvasin_engine_rmCallbackMeterManager may wait, where it says so.
+//    not for a reader or a disk, and not for a lock that is held during those or a callback. It may
+//    take a lock that is held briefly. Only torvasin_engine_rmCallbackMeterManager may wait, where
+//    it says so.
 //  - It must not call an entry or a callback. Only torvasin_engine_addCallbackMeterManager may call
 //    the callback that it adds. It must return: no exception or longjmp may leave it.
 //  - torvasin_log is called by several threads at once. So are the others if the host runs entries
@@ -40,8 +42,8 @@ extern "C" {
 // Levels of torvasin_log.
 enum torvasin_log_level {
   TORVASIN_LOG_TRACE = 1,    // function entries, every datagram, transient errors
-  TORVASIN_LOG_WARNING = 2,  // stop entries, items served in a reduced way
-  TORVASIN_LOG_ERROR = 3,    // faults in the configuration and in requests
+  TORVASIN_LOG_WARNING = 2,  // stop entries, unreadable lines, items and threads set up in part
+  TORVASIN_LOG_ERROR = 3,    // other faults in the configuration and in requests
   TORVASIN_LOG_FAILURE = 4,  // system resources and host calls that fail
 };
 
@@ -79,7 +81,8 @@ typedef struct torvasin_plugin_context {
   char name[40];                // for messages; ends with a zero
   void* engine;                 // for the functions of "Meters", which get it back; may be null
   unsigned char host_data[24];  // the host's own
-  void* private_data;           // the module's own; null after stopCycle
+  void* private_data;           // the module's own: anything before startCycle and after one that
+                                // failed, null after stopCycle
 } torvasin_plugin_context;
 
 // A list of keys with their values. The host defines this type as it likes; the module has only
@@ -93,7 +96,8 @@ typedef struct torvasin_key_value_list torvasin_key_value_list;
 // What the host exports, whatever visibility it is compiled with.
 #pragma GCC visibility push(default)
 
-// Logs one message. Called from everywhere, at any time, several threads at once.
+// Logs one message. Called by several threads at once, from the start of startCycle to the end of
+// stopCycle, but not during dlopen and dlclose. It may change errno.
 //
 // source is the path of the code that logs, without its extension, and line its source line; both
 // are for people. flag is always 1. format is that of printf, with the arguments that it needs.
@@ -119,8 +123,9 @@ void* torvasin_malloc(size_t size);
 
 // realloc: memory is a block, or null, which makes the call a torvasin_malloc. size is at least 1.
 // The host may move the block. The content stays as far as both sizes go, and the texts of the
-// torvasin_value records in it stay with them. When the result is null, the old block stays as it
-// was.
+// torvasin_value records in it stay with them: records keep their offset, so their addresses change
+// with the block. Records beyond a smaller size end as with torvasin_free. When the result is null,
+// the old block stays as it was.
 void* torvasin_realloc(void* memory, size_t size);
 
 // free: memory is a block, or null, which does nothing. Records in the block end with it, and the
@@ -157,17 +162,19 @@ int torvasin_keyValueListGet(const torvasin_key_value_list* list, const char* ke
 // Before the call, the record may hold anything: its memory may be new, it may hold another value,
 // and torvasin_realloc may have moved it. So the host must not conclude from its content that it
 // holds a text. Reading the record gives the same value until it is set again or its block is
-// freed. From then on the host may release the text that it keeps for it, or keep it for ever.
+// freed. No thread reads the record, or the text that it held, from the start of that call on: the
+// host may release this text at once, or keep it for ever.
 void torvasin_valueInitUInt32(torvasin_value* value, uint32_t number);
 void torvasin_valueInitInt32(torvasin_value* value, int32_t number);
 void torvasin_valueInitFloat(torvasin_value* value, float number);
 
-// InitS copies the text: the caller's may end with the call.
+// InitS copies the text: the caller's may end with the call. It is never the text of a record of
+// the module's. Without memory for the copy, the host sets an empty text. So it does in InitTakeS.
 void torvasin_valueInitS(torvasin_value* value, const char* text);
 
 // InitTakeS need not copy. With owned 0, text stays the caller's, which keeps it unchanged as long
-// as the record holds it. With any other owned, text is a block of torvasin_malloc and becomes the
-// host's, which frees it.
+// as the record holds it; the host does not write to it. With any other owned, text is the start of
+// a block of torvasin_malloc or torvasin_realloc and becomes the host's, which frees it.
 void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned);
 
 // ---- Meters ------------------------------------------------------------------------------------
@@ -175,20 +182,25 @@ void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned);
 // Takes the current values of meters into the module. user is what was registered with it.
 //
 // The host calls it with a list, which must not be null but may be empty or hold only some of the
-// meters of the speed: a meter that is not in it keeps its last value. The call may come on any
-// thread, but not from inside a host function, except the one that registers it. Calls may overlap,
-// those of one registration too. The callback waits while the module answers one datagram. The host
-// may hold a lock of its own which no host function needs in a callback. The result is 0, or an
-// error number when the module could not take the values; the host may ignore it.
+// meters of the speed: a meter that is not in it keeps its last value. So does one whose type does
+// not suit its item; snmpmanager.ini(5) tells which types do, and how they are converted.
+//
+// The call may come on any thread, but not from inside a host function, except the one that
+// registers it. Calls may overlap, those of one registration too. The callback waits while the
+// module answers one datagram. During a callback the host may hold a lock of its own that no host
+// function but torvasin_engine_rmCallbackMeterManager takes. The result is 0, or an error number
+// when the module could not take the values; the host may ignore it.
 typedef int (*torvasin_meter_callback)(const torvasin_key_value_list* list, void* user);
 
 // Registers a callback for a speed (enum torvasin_speed) with an engine, that of a context. Called
-// from startCycle, the slow callback first, then the fast one. Returns the registration, or null
-// when the host cannot register it. The callback may be called before this function returns.
+// from startCycle, the slow callback first, then the fast one; an instance has at most one
+// registration for each speed. Returns the registration, or null when the host cannot register it:
+// then startCycle fails. The callback may be called before this function returns.
 //
 // Several instances register the same callbacks with the same engine, and differ in user only: user
-// belongs to the registration. A host with a single instance may refuse others with null. As long
-// as it is registered and its speed has meters, the host calls the callback again and again.
+// belongs to the registration. A host with a single instance may refuse others with null. If its
+// speed has meters, the host calls the callback again and again until it calls preStopCycle. There
+// is no limit for the first call: until then an item serves its first value.
 void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
                                               torvasin_meter_callback callback, void* user);
 
@@ -228,7 +240,7 @@ typedef struct torvasin_plugin_entry {
   // cannot be read, or has a faulty line, does not prevent the start; both are logged.
   int32_t (*startCycle)(torvasin_plugin_context* context, const torvasin_key_value_list* list);
 
-  // Ends the thread of the instance and waits for it, about a second at most. Callbacks go on.
+  // Ends the thread of the instance and waits for it, about a second at most. Callbacks may go on.
   void (*preStopCycle)(torvasin_plugin_context* context);
 
   // Removes the callbacks, and gives back all that the instance took. n is any number; it is only
@@ -238,8 +250,8 @@ typedef struct torvasin_plugin_entry {
   const void* slot5;
 
   // Starts the thread that answers requests. It inherits the signal mask of the caller: a host that
-  // handles signals blocks them first. When it cannot be started, that is logged, nothing is
-  // answered, and the instance is stopped as any other.
+  // handles signals blocks them before startThread. When the thread cannot be started, that is
+  // logged, nothing is answered, and the instance is stopped as any other.
   void (*startThread)(torvasin_plugin_context* context);
 
   const void* slot7;
