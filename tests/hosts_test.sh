@@ -48,7 +48,7 @@ if [ $# -gt 4 ]; then
     'crashed in torvasin_valueInitS'
   broken frees_a_borrowed_text 's/owned != 0/text != NULL/' 'crashed in torvasin_valueInitTakeS(value, borrowed, 0)'
   broken grows_no_null 's/return realloc(/return memory == NULL ? NULL : realloc(/' 'torvasin_realloc gives memory'
-  broken any_type_is_a_text 's/ || value->type != TORVASIN_TEXT//' 'torvasin_keyValueListGetS returns 0 for a text only'
+  broken any_type_is_a_text 's/ || value->type != TORVASIN_TEXT//' 'torvasin_keyValueListGetS returns 0 for every text'
   broken found_is_1 's/? 0 : -1/? 1 : 0/' 'torvasin_keyValueListGet gives a value'
   broken hands_itself_back 's/list, to->user/list, (void*)to/' 'gets the user that was registered'
   broken removes_nothing 's/if (registration != NULL).*/(void)registration;/' 'registers a callback'

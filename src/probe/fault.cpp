@@ -24,15 +24,9 @@ struct step_slot {
   std::atomic<bool> taken;
   std::atomic<pthread_t> thread;
   std::atomic<const char*> what;  // null when there is nothing to tell
-  std::atomic<time_t> since;
+  std::atomic<long> since;
 };
 std::array<step_slot, 32> steps;
-
-time_t seconds() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec;
-}
 
 constexpr std::array crashes = {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGFPE};
 std::array<struct sigaction, crashes.size()> former_actions;
@@ -47,20 +41,20 @@ void on_crash(int signal, siginfo_t* info, void*) {
   for (const step_slot& slot : steps) {
     const char* what = slot.what;
     if (what == nullptr || slot.thread != pthread_self()) continue;
-    put("probe: FAULT: a host function returns, it crashed in ") && put(what) && put("\n");
+    put("probe: FAULT: no host function crashes, the host crashed in ") && put(what) && put("\n");
   }
   restore_actions();
   if (info->si_code <= 0) raise(signal);  // one that was sent does not come again by itself
 }
 
 void find_waiting_calls() {
-  constexpr time_t too_long = 3;
+  constexpr long too_long = 3000;
   for (step_slot& slot : steps) {
     const char* what = slot.what;
-    if (what == nullptr || seconds() - slot.since < too_long) continue;
+    if (what == nullptr || milliseconds() - slot.since < too_long) continue;
     slot.what = nullptr;
     faults++;
-    say(0, "FAULT: a host function does not wait, for seconds the host did in %s", what);
+    say(0, "FAULT: a host function does not wait, the host spent seconds in %s", what);
   }
 }
 
@@ -88,7 +82,7 @@ step::step(const char* what) : slot_(0) {
   while (slot_ < steps.size() && steps[slot_].taken.exchange(true)) slot_++;
   if (slot_ == steps.size()) return;
   steps[slot_].thread = pthread_self();
-  steps[slot_].since = seconds();
+  steps[slot_].since = milliseconds();
   steps[slot_].what = what;
 }
 
@@ -101,6 +95,12 @@ step::~step() {
 void pause_ms(long ms) {
   const timespec time = {ms / 1000, ms % 1000 * 1'000'000};
   nanosleep(&time, nullptr);
+}
+
+long milliseconds() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
 }
 
 void begin_watch() {

@@ -44,6 +44,7 @@ class step {
   (static_cast<void>(step(#function "(" #__VA_ARGS__ ")")), function(__VA_ARGS__))
 
 void pause_ms(long ms);
+long milliseconds();  // since some fixed time
 
 // From the first begin_watch to the last end_watch, a crash and a call that waits for seconds are
 // faults, and the step of the thread is named. Each takes or ends one use.

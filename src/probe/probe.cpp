@@ -12,6 +12,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <span>
@@ -35,6 +36,8 @@ struct registration {
   std::atomic<bool> open;    // from before it is added until it is removed
   std::atomic<int> running;  // calls in progress
   std::atomic<int> called;   // calls
+  std::atomic<long> last;    // time of the last call
+  std::atomic<long> period;  // from the call before to the last one
 };
 
 struct item {
@@ -50,7 +53,8 @@ struct instance {
   torvasin_plugin_context as_started;
   registration slow;
   registration fast;
-  registration twin;  // fast too: what a second instance would add
+  registration twin;         // fast too: what a second instance would add
+  std::atomic<bool> adding;  // the twin, while a call of the fast one is in progress
   pthread_t poller;
   std::atomic<bool> polling;
   std::array<item, 256> items;  // of the configuration
@@ -138,6 +142,12 @@ int on_meters(const torvasin_key_value_list* list, void* user) {
   if (!ours) return 0;
   one->running++;
   one->called++;
+  const long now = milliseconds();
+  one->period = now - one->last.exchange(now);
+  std::atomic<bool>& adding = one->owner->adding;
+  for (int ms = 0; ms < 1000 && one == &one->owner->fast && adding; ms++) pause_ms(1);
+  EXPECT(one != &one->owner->fast || !adding, "a registration does not wait for a callback",
+         "one waited");
   EXPECT(one->open, "no call begins after the removal", "one did");
   EXPECT(list != nullptr, "the list of a callback is not null", "one was");
   if (one->open && list != nullptr && one->owner->value != nullptr)
@@ -146,7 +156,14 @@ int on_meters(const torvasin_key_value_list* list, void* user) {
   return 0;
 }
 
-void add(instance* self, registration* one, int speed) {
+// Waits for a call in progress. There is none if the host calls on this thread.
+bool await_call(const registration& one) {
+  for (int ms = 0; ms < 1100 && one.running == 0; ms++) pause_ms(1);
+  return one.running > 0;
+}
+
+// False when the host refuses, which it may when another instance exists.
+bool add(instance* self, registration* one, int speed) {
   one->owner = self;
   one->speed = speed;
   one->open = true;
@@ -154,15 +171,35 @@ void add(instance* self, registration* one, int speed) {
       speed == TORVASIN_FAST ? on_meters<TORVASIN_FAST> : on_meters<TORVASIN_SLOW>;
   one->handle =
       CALL(torvasin_engine_addCallbackMeterManager, self->as_started.engine, speed, callback, one);
-  EXPECT(one->handle != nullptr || one == &self->twin,
-         "an instance registers a callback for each speed, also anew",
-         "for speed %d the host refused", speed);
+  const auto exists = [](const instance& other) { return other.context != nullptr; };
+  EXPECT(
+      one->handle != nullptr || one == &self->twin || std::ranges::count_if(instances, exists) > 1,
+      "an instance registers a callback for each speed, also anew", "for speed %d the host refused",
+      speed);
+  return one->handle != nullptr;
 }
 
 void remove(instance* self, registration* one) {
   CALL(torvasin_engine_rmCallbackMeterManager, self->as_started.engine, one->handle);
   one->open = false;
+  one->handle = nullptr;
   EXPECT(one->running == 0, "a removal returns when no call of the callback runs", "one ran");
+}
+
+void remove_all(instance* self) {
+  for (registration* one : {&self->fast, &self->slow, &self->twin}) remove(self, one);
+}
+
+// The twin comes during a call of the fast registration, which comes anew after it.
+bool add_all(instance* self) {
+  if (!add(self, &self->slow, TORVASIN_SLOW) || !add(self, &self->fast, TORVASIN_FAST))
+    return false;
+  self->adding = true;
+  await_call(self->fast);
+  add(self, &self->twin, TORVASIN_FAST);
+  self->adding = false;
+  remove(self, &self->fast);
+  return add(self, &self->fast, TORVASIN_FAST);
 }
 
 // ---- Threads of the module ---------------------------------------------------------------------
@@ -170,7 +207,7 @@ void remove(instance* self, registration* one) {
 void* log_on(void* user) {
   auto* self = static_cast<instance*>(user);
   for (size_t round = 1; self->polling; round++) {
-    log_text(round % 128 == 0 ? TORVASIN_LOG_WARNING : TORVASIN_LOG_TRACE, round % 200);
+    log_text(round == 128 ? TORVASIN_LOG_WARNING : TORVASIN_LOG_TRACE, round % 200);
     if (round > 128) pause_ms(10);
   }
   return nullptr;
@@ -207,7 +244,8 @@ instance* enter(const char* entry, torvasin_plugin_context* context, const char*
       self->stage = stopped;
     }
   }
-  EXPECT(self != nullptr, "every entry gets the context of startCycle", "%s got another", entry);
+  EXPECT(self != nullptr, "startCycle comes first, every entry gets the context of startCycle",
+         "%s got one that is not started", entry);
   if (self == nullptr) return nullptr;
   const char* stage = self->stage.exchange(next);
   EXPECT(stage == allowed || stage == allowed_too,
@@ -229,7 +267,16 @@ void read_list(instance* self, const torvasin_key_value_list* list) {
   }
   self->item_count = 0;
   self->section[0] = '\0';
-  ini_parse(path, take_key, self);
+  if (ini_parse(path, take_key, self) < 0) say(TORVASIN_LOG_WARNING, "cannot read '%s'", path);
+}
+
+void end_instance(instance* self) {
+  CALL(torvasin_free, self->value);
+  end_watch();
+  torvasin_plugin_context* context = self->context;
+  context->private_data = nullptr;
+  self->entered = false;
+  self->context = nullptr;
 }
 
 int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_list* list) {
@@ -245,11 +292,11 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
   check_values();
   read_list(self, list);
   self->value = static_cast<torvasin_value*>(CALL(torvasin_malloc, sizeof(torvasin_value)));
-  add(self, &self->slow, TORVASIN_SLOW);
-  add(self, &self->fast, TORVASIN_FAST);
-  add(self, &self->twin, TORVASIN_FAST);
-  remove(self, &self->fast);
-  add(self, &self->fast, TORVASIN_FAST);
+  if (!add_all(self)) {
+    remove_all(self);
+    end_instance(self);
+    return -1;
+  }
   self->entered = false;
   return 0;
 }
@@ -289,17 +336,14 @@ void stopCycle(torvasin_plugin_context* context, int32_t) {
   instance* self = enter("stopCycle", context, ending, ending, stopped);
   if (self == nullptr) return;
   end_poller(self);
-  EXPECT(self->twin.handle == nullptr || self->fast.called < 2 || self->twin.called > 0,
+  EXPECT(self->twin.handle == nullptr || self->fast.called < 3 || self->twin.called > 0,
          "each registration is called", "one of two with the same callback was not");
-  // The best time for the removal is during a call. There is none if the host calls on this thread.
-  for (int ms = 0; ms < 1500 && self->fast.called > 0 && self->fast.running == 0; ms++) pause_ms(1);
-  for (registration* one : {&self->fast, &self->slow, &self->twin}) remove(self, one);
-  CALL(torvasin_free, self->value);
+  // The best time for the removal is during a call. The next one would come a period later.
+  const bool called = self->fast.called > 0 && await_call(self->fast);
+  remove_all(self);
+  if (called) pause_ms(std::min(self->fast.period + 50, 1500L));
   report(*self);
-  end_watch();
-  context->private_data = nullptr;
-  self->entered = false;
-  self->context = nullptr;
+  end_instance(self);
 }
 
 // The library stays loaded until the process ends, for the threads of an instance that the host
