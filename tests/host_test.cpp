@@ -44,7 +44,7 @@ TEST(host_log, drops_by_level_before_it_formats_and_survives_its_sink) {
 }
 
 std::map<std::string, std::string> files = {
-    {"/proc/stat", "cpu  100 20 30 700 50 5 6 9 40 0\ncpu0 1 2 3 4 5 6 7 8 9 10\n"},
+    {"/proc/stat", "cpu  100 20 30 460 50 5 6 9 40 0\ncpu0 1 2 3 4 5 6 7 8 9 10\n"},
     {"/proc/meminfo", "MemTotal: 8000 kB\nMemFree: 10 kB\nMemAvailable: 5000 kB\nSwapTotal: 90 kB\nSwapFree: 30 kB\n"},
     {"/proc/net/dev",
      "Inter-| Receive | Transmit\n face |bytes packets\n    lo: 70 1 0 0 0 0 0 0 90 1 0 0\n"
@@ -70,8 +70,8 @@ std::string sampled(meter_state& state) {
 TEST(host_meters, are_read_from_texts) {
   meter_state state;
   state.content = [](const char* path) { return files[path]; };
-  EXPECT_EQ(sampled(state), "18.4783 0 5000 8000 30 10 550 0.25 1.5 2.75 86400 ");
-  files["/proc/stat"] = "cpu 170 20 30 725 55 5 6 9 99 0\n";
+  EXPECT_EQ(sampled(state), "25 0 5000 8000 30 10 550 0.25 1.5 2.75 86400 ");
+  files["/proc/stat"] = "cpu 170 20 30 485 55 5 6 9 99 0\n";
   files["/proc/meminfo"] = "MemAvailable: 4000 kB\n";
   EXPECT_EQ(sampled(state), "70 -1000 4000 - - 10 550 0.25 1.5 2.75 86400 ");
   files.clear();
