@@ -144,10 +144,9 @@ int on_meters(const torvasin_key_value_list* list, void* user) {
   one->called++;
   const long now = milliseconds();
   one->period = now - one->last.exchange(now);
-  std::atomic<bool>& adding = one->owner->adding;
-  for (int ms = 0; ms < 1000 && one == &one->owner->fast && adding; ms++) pause_ms(1);
-  EXPECT(one != &one->owner->fast || !adding, "a registration does not wait for a callback",
-         "one waited");
+  const auto adding = [one] { return one == &one->owner->fast && one->owner->adding; };
+  for (int ms = 0; ms < 1000 && adding(); ms++) pause_ms(1);
+  EXPECT(!adding(), "a registration does not wait for a callback", "one waited");
   EXPECT(one->open, "no call begins after the removal", "one did");
   EXPECT(list != nullptr, "the list of a callback is not null", "one was");
   if (one->open && list != nullptr && one->owner->value != nullptr)
@@ -169,13 +168,13 @@ bool add(instance* self, registration* one, int speed) {
   one->open = true;
   const auto callback =
       speed == TORVASIN_FAST ? on_meters<TORVASIN_FAST> : on_meters<TORVASIN_SLOW>;
-  one->handle =
-      CALL(torvasin_engine_addCallbackMeterManager, self->as_started.engine, speed, callback, one);
+  void* engine = self->as_started.engine;
+  one->handle = CALL(torvasin_engine_addCallbackMeterManager, engine, speed, callback, one);
   const auto exists = [](const instance& other) { return other.context != nullptr; };
-  EXPECT(
-      one->handle != nullptr || one == &self->twin || std::ranges::count_if(instances, exists) > 1,
-      "an instance registers a callback for each speed, also anew", "for speed %d the host refused",
-      speed);
+  const bool may_refuse = one == &self->twin || std::ranges::count_if(instances, exists) > 1;
+  EXPECT(one->handle != nullptr || may_refuse,
+         "an instance registers a callback for each speed, also anew",
+         "for speed %d the host refused", speed);
   return one->handle != nullptr;
 }
 
@@ -192,8 +191,8 @@ void remove_all(instance* self) {
 
 // The twin comes during a call of the fast registration, which comes anew after it.
 bool add_all(instance* self) {
-  if (!add(self, &self->slow, TORVASIN_SLOW) || !add(self, &self->fast, TORVASIN_FAST))
-    return false;
+  const bool added = add(self, &self->slow, TORVASIN_SLOW) && add(self, &self->fast, TORVASIN_FAST);
+  if (!added) return false;
   self->adding = true;
   await_call(self->fast);
   add(self, &self->twin, TORVASIN_FAST);
