@@ -75,12 +75,16 @@ void reading::end_line() {
 // one: what has no room is left out, and the end of such a line is handed over by itself.
 char* next_line(char* room, int size, void* user) noexcept {
   auto& state = *static_cast<reading*>(user);
-  if (std::exchange(state.line_end_due, false)) return std::strcpy(room, "\n");
+  if (std::exchange(state.line_end_due, false)) {
+    room[std::string_view("\n").copy(room, 1)] = '\0';
+    return room;
+  }
   state.end_line();
   state.line_has_key = false;
   if (!state.read_line(static_cast<std::size_t>(size) - 1)) return nullptr;
   state.line_end_due = state.line.back() != '\n';
-  return std::strcpy(room, state.line.c_str());
+  room[state.line.copy(room, state.line.size())] = '\0';
+  return room;
 }
 
 int take_key(void* user, const char* section, const char* key, const char* value) noexcept {

@@ -105,7 +105,8 @@ constexpr std::size_t enterprise_numbers = 7;
 void place_nodes(std::vector<named_item>& items, std::string& left_out) {
   for (std::size_t i = 0; i < items.size(); ++i) {
     snmp_oid parent = items[i].oid;
-    const bool ends_in_0 = parent.subid[--parent.count] == 0 && parent.subid[parent.count - 1] != 0;
+    --parent.count;
+    const bool ends_in_0 = parent.subid[parent.count] == 0 && parent.subid[parent.count - 1] != 0;
     items[i].scalar = ends_in_0 && (i == 0 || !is_below(items[i - 1].oid, parent)) &&
                       (i + 1 == items.size() || !is_below(items[i + 1].oid, parent));
     if (items[i].scalar) items[i].node = parent;
