@@ -34,18 +34,27 @@ for row in 'mib --name MINIMAL-HOST-MIB=MINIMAL-HOST-MIB.txt' prometheus=snmp.ym
   expect "${row%=*}" '' "$("$bin/torvasin_config" ${row%=*} --meters meters.ini snmpmanager.ini | diff - "$root/examples/host/${row#*=}")"
 done
 
-# What the meters of this machine give now.
+# What the meters of this machine give now, and the first values when they are listed by a file.
 printf '[ITEM_%s]\noid = 1.3.6.%d\nmeter = %s\ntype = %s\ncomputeformula = %s\nmetertype = %s\n' \
   cpus 1 system.cpus uint 'value*2.5' slow load 2 system.load1 int '2^32' fast time 3 system.uptime_seconds uint '-value' fast \
   >now.ini
-"$bin/torvasin_config" check now.ini >out
-expect 'serves now' "$((5 * $(getconf _NPROCESSORS_ONLN) / 2)) 2147483647 0" "$(sed -nE 's/^(cpus|load|time) .* //p' out | xargs)"
+"$bin/torvasin_host" --list-meters=ini >own.ini
+for options in '' '--meters own.ini'; do
+  # shellcheck disable=SC2086
+  "$bin/torvasin_config" check $options now.ini | sed -nE 's/^(cpus|load|time) .* //p; /warnings/p'
+done >out
+expect 'serves now' "$((5 * $(getconf _NPROCESSORS_ONLN) / 2)) 2147483647 0 0 errors, 0 warnings, 0 notes 0 2147483647 0 0 errors, 0 warnings, 0 notes" "$(xargs <out)"
 
 # Texts of 140 octets: ten of them fit no response, nine do. With a number first, the first ten fit, the next do not.
 printf '[ITEM_number]\noid = 1.3.0\ntype = int\n' >texts.ini
 for i in {1..10}; do printf '[ITEM_%d]\noid = 1.3.%d\ntype = string:%0140d\n' "$i" "$i" 0 >>texts.ini; done
 "$bin/torvasin_config" check --quiet texts.ini >out
 expect neighbours "texts.ini:4: note: item '1': no response has room for it and its next 9 neighbours: shorten the texts, or ask for fewer at once" "$(<out)"
+
+# Files inside one another: the seventeenth is not read.
+for i in {1..17}; do printf '[General]\ninclude = %d.inc\n' "$((i + 1))" >"$i.inc"; done
+"$bin/torvasin_config" check --quiet 1.inc >out || true
+expect includes '16.inc:2: error: [General] include = 17.inc is refused: more than 16 files inside one another or 256 in all' "$(head -n 1 out)"
 
 # Bad input: a file, the status of check and that of the others, which say why in one line.
 head -c 50000 /dev/urandom >binary.ini
