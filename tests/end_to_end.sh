@@ -41,6 +41,7 @@ expect hardening '1 1 1 1' "$(readelf -W -l "$library" | grep -c 'GNU_RELRO') $(
 
 configure
 start_host log
+kill -INT "$server" # which bash has a child in the background ignore
 agent=127.0.0.1:$port
 walk=$(ask snmpwalk -v2c -c public "$agent" .1.3 | grep -v 'No more')
 expect 'walk in OID order' "$(sed -n 's/^oid = /./p' "$example" | sort -V)" \
@@ -54,7 +55,6 @@ configure '[ITEM_new]\noid = 1.3.6.1.4.1.32473.9.0\ntype = int:7\n'
 kill -HUP "$server"
 until_true serves 9.0 ^7
 rm agent.ini
-kill -INT "$server" # which bash has a child in the background ignore
 end_host HUP
 started="notice module snmp $version answers on 127.0.0.1:$port" stopped='notice module snmp stopped' src=src/module/snmp/mainsnmp:LINE
 expect 'reloaded, then without a file' "1
@@ -117,7 +117,7 @@ error odd/fast:LINE $more more lines like: call 20" "$(
 expect 'calls of 2.6 seconds, those of fast meters written' '1 4 20' \
   "$((more >= 28 && more <= 35)) $(grep -c ' odd/slow:7 ' log) $(grep -c ' odd/fast:7 call' log)"
 expect 'no thread to answer' '1 failure the module started no thread to answer with' \
-  "$("$bin/torvasin_host" --module "$odd" --conf-file agent.ini --name lazy 2>log || echo $?) $(lines log | grep failure)"
+  "$(timeout 5 "$bin/torvasin_host" --module "$odd" --conf-file agent.ini --name lazy 2>log || echo $?) $(lines log | grep failure)"
 TZ=XYZ-5:30 "$bin/torvasin_host" --list-meters | tr -s ' ' >meters
 expect 'meters' "memory.total_kib slow uint no memory of the machine, KiB $(awk '/^MemTotal:/ { print $2 }' /proc/meminfo)
 network.rx_octets fast uint yes octets received on all interfaces but loopback, modulo 2^32
