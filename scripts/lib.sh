@@ -48,7 +48,7 @@ build_preset() {
     cmake --build "build/$1"
   else
     printf 'Building build/%s\n' "$1"
-    cmake --build "build/$1" -- --quiet | sed '/^ninja: no work to do/d'
+    cmake --build "build/$1" -- --quiet | sed -E '/^(-- |ninja: no work to do)/d'
   fi
 }
 
