@@ -85,7 +85,7 @@ exec 9<>pipe
 for reader in slow stalled gone; do
   start_host pipe --log-level 1
   [ $reader != gone ] || exec 9<&-
-  junk 3000 # more lines than the pipe and the queue hold
+  junk 6000 # more lines than the pipe and the queue hold
   expect "a reader that is $reader" "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
   if [ $reader = slow ]; then
     cat <&9 >late &
