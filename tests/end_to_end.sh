@@ -72,12 +72,12 @@ $(lines log)"
 
 configure
 start_host log --log-level trace
-ask snmpget -v1 -c $'x\nforged\e[2J' "$agent" .1.3.6.1.4.1.32473.4.1.0 >/dev/null
+ask snmpget -v1 -c $'x\nforged\e[2J\xfe' "$agent" .1.3.6.1.4.1.32473.4.1.0 >/dev/null
 configure '[ITEM_new]\ntype = int\n'
 end_host HUP
 expect 'a start that fails' '1 failure the module did not start, status -1' \
   "$ended $(grep -o 'failure the.*' log)"
-expect 'a forged line' '0 1' "$(grep -c '^forged' log) $(grep -cF 'community: x\nforged\x1b[2J\n' log)"
+expect 'a forged line' '0 1' "$(grep -c '^forged' log) $(grep -cF 'community: x\nforged\x1b[2J\xfe\n' log)"
 
 configure
 mkfifo -m 600 pipe
