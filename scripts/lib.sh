@@ -6,6 +6,7 @@ set -euo pipefail
 caller=$PWD
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
+PATH=$PATH:$root/build/unpacked/usr/bin
 
 build_packages=(cmake g++ libcli11-dev libinih-dev libspdlog-dev ninja-build)
 clang_packages=(clang-19 libclang-rt-19-dev llvm-19) # for the sanitizers and the fuzz targets
@@ -38,6 +39,23 @@ need_packages() {
   thrice as_root apt-get update
   thrice as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+# need_unpacked PACKAGE: has the program of this name from a Debian package that is not installed,
+# because Debian would start its service.
+need_unpacked() {
+  local work
+  ! command -v "$1" >/dev/null || return 0
+  printf 'Unpacking %s\n' "$1"
+  mkdir -p build/unpacked
+  work=$(mktemp -d -p build)
+  (
+    cd "$work"
+    apt-get download "$1" >/dev/null 2>&1 ||
+      { thrice as_root apt-get update && thrice apt-get download "$1"; }
+    dpkg-deb -x ./*.deb ../unpacked
+  )
+  rm -r "$work"
 }
 
 # Configures a CMake preset once and brings its build up to date. Shows the progress in one line of a

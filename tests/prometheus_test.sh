@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The example, scraped by the installed exporter and walked by name with what the build has made from it.
+# The example, scraped by Prometheus' exporter and walked by name with what the build has made from it.
 # Usage: prometheus_test.sh BUILD_DIRECTORY EXAMPLE_CONFIGURATION
 
 # shellcheck source=tests/lib.sh
