@@ -170,6 +170,10 @@ exit_status run_module(const options& given, plugin& module, meter_engine& engin
   const auto say = [&](std::string_view level, const std::string& text) {
     if (given.log_level < log_off) writer.write(level, text);
   };
+  const auto fail = [&](const std::string& reason) {
+    writer.write("failure", reason);
+    notify("STATUS=" + printable(reason));
+  };
   // The module first: as long as it runs it may count on its meters. The engine's threads must be
   // gone before the library is, with any callback that it left behind.
   const auto stop = [&] {
@@ -187,7 +191,7 @@ exit_status run_module(const options& given, plugin& module, meter_engine& engin
     do {
       const std::string unreadable = file_fault(given.conf_file);
       if (!unreadable.empty()) {
-        writer.write("failure", fmt::format("cannot read {}: {}", given.conf_file, unreadable));
+        fail(fmt::format("cannot read {}: {}", given.conf_file, unreadable));
         return signal == 0 ? exit_usage : exit_failure;
       }
       const std::string started = start(given, list, module, engine);
@@ -196,10 +200,12 @@ exit_status run_module(const options& given, plugin& module, meter_engine& engin
       signal = wait_for_signal(writer);
       notify(signal == SIGHUP ? "RELOADING=1" : "STOPPING=1");
       stop();
-      say("notice", fmt::format("module {} stopped", given.name));
+      const std::string stopped = fmt::format("module {} stopped", given.name);
+      say("notice", stopped);
+      notify("STATUS=" + stopped);
     } while (signal == SIGHUP);
   } catch (const std::exception& error) {
-    writer.write("failure", error.what());
+    fail(error.what());
     stop();
     return exit_failure;
   }
