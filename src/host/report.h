@@ -33,8 +33,7 @@ const char* speed_name(std::uint32_t speed);
 std::string file_fault(const std::string& path);
 
 // Prints a table of all meters: speed and type, whether it counts, what it means, and its value
-// now,
-// "-" when the system gives none.
+// now, "-" when the system gives none.
 void print_meters();
 
 // Prints all meters as an ini file, a section for each, with what stays true on every machine.
