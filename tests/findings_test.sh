@@ -29,7 +29,7 @@ done < <(cd golden && grep '^; check' -- *.ini)
 # The minimal host's names, as they lie beside it.
 cp "$root"/examples/host/*.ini .
 touch -d '2026-01-02 03:04:05Z' snmpmanager.ini
-for row in 'mib --name MINIMAL-HOST-MIB=MINIMAL-HOST-MIB.txt' prometheus=snmp.yml; do
+for row in 'mib --name MINIMAL-HOST-MIB=MINIMAL-HOST-MIB.txt' 'prometheus --name minimal_host=snmp.yml'; do
   # shellcheck disable=SC2086
   expect "${row%=*}" '' "$("$bin/torvasin_config" ${row%=*} --meters meters.ini snmpmanager.ini | diff - "$root/examples/host/${row#*=}")"
 done
@@ -81,7 +81,8 @@ bad() { # STATUS PROGRAM ARGUMENTS...: each is refused in one line
   done
 }
 bad 2 torvasin_config '' check 'check items.ini values.ini' 'check --meters none.ini items.ini' \
-  'check --meters meters.ini --no-meters items.ini' 'mib --name x items.ini' 'prometheus --exporter 1 items.ini'
+  'check --meters meters.ini --no-meters items.ini' 'mib --name x items.ini' 'prometheus --exporter 1 items.ini' \
+  'prometheus --name 1a items.ini'
 bad 2 torvasin_host '--version --list-meters' "--name $(printf 'x%.0s' {1..40})" '--affinity 0' '--renice x' '--fast-ms 0' \
   '--slow-ms 3600001' --log-level another
 bad 1 torvasin_host '--module none'

@@ -15,6 +15,7 @@ expect 'the port of the service' 1 "$(grep -c '^port = 1161$' "$root/config/snmp
 page=usr/share/man/man5/snmpmanager.ini.5
 expect 'a name stays whole' 1 "$(grep -c 'CAP_NET_BIND_SERVICE' $page)"
 expect 'an example stays as it is' 1 "$(sed -n '/^\.EX/,/^\.EE/p' $page | grep -cE '^ {12}sin sinh sqrt tan tanh$')"
+expect 'no marks of Markdown' '' "$(grep -lE '\*[A-Z]' usr/share/man/man?/*)"
 expect 'manual pages' 3 "$(find usr/share/man -name 'torvasin_host.8' -o -name 'torvasin_config.1' -o -name 'snmpmanager.ini.5' | wc -l)"
 
 cd usr/share/doc/torvasin-snmp

@@ -69,8 +69,10 @@ void check_meter(findings& found, item& item, const meter_list& meters) {
   const bool taken =
       binding.type == type || (binding.type != ITEM_STRING && type == TORVASIN_FLOAT);
   if (item.typed() && !taken) {
-    say(found, item, item.at(item_key::type), warning, "its type takes no {}, which meter {} is",
-        torvasin_host::type_name(static_cast<torvasin_value_type>(type)), name);
+    say(found, item, item.at(item_key::type), warning,
+        "its type takes no {}, which meter {} is: write type = {}",
+        torvasin_host::type_name(static_cast<torvasin_value_type>(type)), name,
+        words_of(type == TORVASIN_FLOAT ? ITEM_INT : type).name);
   }
 }
 

@@ -179,7 +179,7 @@ inline bool can_be_named(const snmp_oid& oid) {
 void print_mib(configuration& config, const std::string& module_name);
 
 // In the form that prometheus-snmp-exporter reads since 0.23, or in the one before.
-void print_prometheus(configuration& config, bool old_form);
+void print_prometheus(configuration& config, const std::string& module_name, bool old_form);
 
 }  // namespace torvasin_config
 

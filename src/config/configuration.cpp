@@ -1,6 +1,7 @@
 // Reads a configuration into the module, and says what is odd about its lines.
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -93,7 +94,9 @@ remark take_general_key(configuration& config, const ini_line& line) {
   const auto key = find_key<general_key>(general_key_names, line.key);
   if (key == general_key::include) {
     const std::string fault = read_file(config, line.value);
-    return fault.empty() ? remark{} : refused(fault);
+    if (fault.empty()) return {};
+    const bool is_elsewhere = line.value[0] != '/' && access(line.value, F_OK) != 0;
+    return refused(fault + (is_elsewhere ? ", seen from the working directory" : ""));
   }
   apply(config, line);
   switch (key) {

@@ -21,7 +21,8 @@ struct options {
   bool no_meters = false;
   bool strict = false;
   bool quiet = false;
-  std::string name = "TORVASIN-MIB";
+  std::string mib = "TORVASIN-MIB";
+  std::string module = "torvasin";
   std::string exporter = "0.28";
 };
 
@@ -79,18 +80,25 @@ exit_status run(const options& given) {
     return fail(exit_fault, fmt::format("{} has {}, which torvasin_config check shows",
                                         printable(given.path), config.found.counted(error)));
   }
-  given.command == "mib" ? print_mib(config, given.name)
-                         : print_prometheus(config, given.exporter == "0.21");
+  given.command == "mib" ? print_mib(config, given.mib)
+                         : print_prometheus(config, given.module, given.exporter == "0.21");
   return exit_good;
 }
 
-std::string name_fault(const std::string& name) {
+std::string mib_name_fault(const std::string& name) {
   constexpr std::size_t longest = 32;
   const auto odd = [](unsigned char letter) { return std::isalnum(letter) == 0 && letter != '-'; };
   const bool legal = name.size() <= longest && name[0] >= 'A' && name[0] <= 'Z' &&
                      std::ranges::none_of(name, odd) && !name.ends_with('-') &&
                      name.find("--") == std::string::npos;
   return legal ? "" : in_quotes(name) + " is no name for a MIB, such as SITE-MIB";
+}
+
+std::string module_name_fault(const std::string& name) {
+  const auto odd = [](unsigned char letter) { return std::isalnum(letter) == 0 && letter != '_'; };
+  const bool legal =
+      !name.empty() && (name[0] < '0' || name[0] > '9') && std::ranges::none_of(name, odd);
+  return legal ? "" : in_quotes(name) + " is no name for a module, such as site";
 }
 
 exit_status run(int argc, char** argv) {
@@ -112,11 +120,14 @@ exit_status run(int argc, char** argv) {
   check->add_flag("--strict", given.strict, "Exit with 1 for warnings too");
   check->add_flag("--quiet", given.quiet, "Print nothing but what is wrong");
   add("mib", "Print a MIB")
-      ->add_option("--name", given.name, "Its name")
-      ->check(name_fault)
+      ->add_option("--name", given.mib, "Its name")
+      ->check(mib_name_fault)
       ->capture_default_str();
-  add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter")
-      ->add_option("--exporter", given.exporter, "Its version: 0.21 for all before 0.23")
+  CLI::App* prometheus = add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter");
+  prometheus->add_option("--name", given.module, "Name of the module in it")
+      ->check(module_name_fault)
+      ->capture_default_str();
+  prometheus->add_option("--exporter", given.exporter, "Its version: 0.21 for all before 0.23")
       ->check(CLI::IsMember({"0.21", "0.28"}))
       ->capture_default_str();
   try {

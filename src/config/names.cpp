@@ -40,22 +40,20 @@ struct named_item {
   std::string name;
   std::uint32_t type;  // enum snmp_item_type
   bool counts;         // only grows, and starts again from 0
-  std::string words;   // its meter, what that is, and the formula
+  std::string words;   // the formula, the meter and what that is
   snmp_oid oid;
   snmp_oid node = oid;  // in a MIB
   bool scalar = false;  // the node is an object, of which the item is the instance; else a name
 };
 
-named_item describe(const item& item, const std::string& name, bool meters_known) {
+named_item describe(const item& item, const std::string& name) {
   const std::string meter = item.binding->meter;
   const std::string what = item.meter != nullptr ? item.meter->description : "";
-  const bool is_uint = item.binding->type == ITEM_UINT;
-  const bool counts =
-      is_uint && item.formula.empty() && item.meter != nullptr && item.meter->counts == 1;
-  const std::string words =
-      fmt::format("{}{}{}{}{}{}{}", is_uint && !counts && meters_known ? "A gauge: " : "", what,
-                  what.empty() ? "" : "; ", meter.empty() ? "a fixed value" : "meter ", meter,
-                  item.formula.empty() ? "" : ", formula ", item.formula);
+  const bool counts = item.binding->type == ITEM_UINT && item.formula.empty() &&
+                      item.meter != nullptr && item.meter->counts == 1;
+  const std::string words = fmt::format(
+      "{}{}{}{}{}{}", item.formula, item.formula.empty() ? "" : ", where value is ", what,
+      what.empty() ? "" : "; ", meter.empty() ? "a fixed value" : "meter ", meter);
   return {name, item.binding->type, counts, words, item.oid()};
 }
 
@@ -82,7 +80,7 @@ std::vector<named_item> name_items(configuration& config, const std::string& res
                          : !each->typed()             ? "has no type"
                                                       : nullptr;
     if (reason == nullptr) {
-      named.push_back(describe(*each, names[each], config.meters.known));
+      named.push_back(describe(*each, names[each]));
     } else {
       left_out += fmt::format("{} {} is left out: it {}.\n", mark, names[each], reason);
     }
@@ -162,9 +160,10 @@ constexpr char object[] = "\n{} OBJECT-TYPE\n    SYNTAX      {}\n    MAX-ACCESS 
 
 // ---- Prometheus --------------------------------------------------------------------------------
 
-constexpr char before_0_23[] = "torvasin:\n    version: 2\n    auth:\n      community: public\n";
+// 0 is the name of the module.
+constexpr char before_0_23[] = "{}:\n    version: 2\n    auth:\n      community: public\n";
 constexpr char since_0_23[] =
-    "auths:\n  public_v2:\n    version: 2\n    community: public\nmodules:\n  torvasin:\n";
+    "auths:\n  public_v2:\n    version: 2\n    community: public\nmodules:\n  {}:\n";
 constexpr char metric[] = R"(      - name: {}
         oid: {}
         type: {}
@@ -188,15 +187,17 @@ void print_mib(configuration& config, const std::string& module_name) {
                            smi_text(path.substr(path.rfind('/') + 1)),
                            value_of(arc, {{}, SNMP_MAX_SUBIDS}, ""));
   for (const named_item& item : items) {
+    const bool is_gauge = config.meters.known && item.type == ITEM_UINT && !item.counts;
     std::cout << (item.scalar ? fmt::format(object, item.name, words_of(item.type).syntax)
                               : fmt::format("\n{} OBJECT-IDENTITY\n", item.name))
-              << fmt::format("    STATUS      current\n    DESCRIPTION \"{}\"\n    ::= {}\n",
-                             smi_text(item.words), value_of(item.node, arc, identity));
+              << fmt::format("    STATUS      current\n    DESCRIPTION \"{}{}\"\n    ::= {}\n",
+                             is_gauge ? "A gauge: " : "", smi_text(item.words),
+                             value_of(item.node, arc, identity));
   }
   std::cout << '\n' << left_out << (left_out.empty() ? "" : "\n") << "END\n";
 }
 
-void print_prometheus(configuration& config, bool old_form) {
+void print_prometheus(configuration& config, const std::string& module_name, bool old_form) {
   std::string left_out;
   std::string oids;
   std::string metrics;
@@ -217,7 +218,8 @@ void print_prometheus(configuration& config, bool old_form) {
   if (metrics.empty()) throw std::runtime_error("there is no item for a metric");
   std::cout << "# For prometheus-snmp-exporter " << (old_form ? "before" : "since")
             << " 0.23; made by torvasin_config.\n"
-            << left_out << (old_form ? before_0_23 : since_0_23)
+            << left_out
+            << fmt::format(fmt::runtime(old_form ? before_0_23 : since_0_23), module_name)
             << "    max_repetitions: 10\n    get:\n"
             << oids << "    metrics:\n"
             << metrics;
