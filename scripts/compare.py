@@ -116,16 +116,16 @@ with open("docs/compare.md", "w", encoding="utf-8") as out:
 ## What was measured
 
 - **The echo** sends every datagram back and does nothing else. It makes the agent's two system
-  calls, on a second thread as in a host. No agent in a host can be faster.
+  calls, on a second thread as in a host.
 - **The agent** runs in `torvasin_host` with its meters, and serves 100 items: in turn a uint, an
   int, a uint with a formula and a string. The OIDs asked for are spread over all of them.
 - **snmpd**, the agent of net-snmp, is asked for objects of its own: the system group, and its
   counters in the snmp group. It has many more objects and does more for each, so the ratios say
   what to expect, not whose code is better.
 
-The GETBULK has one OID and 20 repetitions. 32 requests are outstanding; for the latency, the median,
-it is one. Processor time is that of all threads of the server, with their system calls. A busy
-neighbour on the machine moves it less than the other figures.
+The GETBULK has one OID and 20 repetitions. 32 requests are outstanding; for the latency, the
+median, it is one. Processor time is that of all threads of the server, with their system calls. A
+busy neighbour on the machine moves it less than the other figures.
 
 ## How
 
