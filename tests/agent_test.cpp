@@ -71,7 +71,7 @@ const std::vector<snmp_item> table = table_of({b, d, e, c, a});
 using oids = std::initializer_list<object_id>;
 
 request_parts get(oids asked, uint8_t pdu_tag = PDU_GET) {
-  request_parts parts = {.pdu_tag = pdu_tag, .varbinds = ""};
+  request_parts parts = {.pdu_tag = pdu_tag, .id = "02 02 04 D2", .varbinds = ""};
   for (const object_id& oid : asked) parts.varbinds += null_varbind(oid);
   return parts;
 }
@@ -92,23 +92,28 @@ request_parts of_community(const std::string& community, request_parts parts) {
 }
 
 int32_t keep(void* context, const uint8_t* message, size_t length) {
-  auto* sent = static_cast<std::string*>(context);
-  EXPECT_EQ("", *sent) << "sent twice";
-  *sent = describe({message, length});
+  auto* sent = static_cast<octets*>(context);
+  EXPECT_EQ(octets(), *sent) << "sent twice";
+  sent->assign(message, message + length);
   return 7;
 }
 
 // What is sent, as describe() puts it, or else the status. Datagram and response share a buffer, as in the poller.
 std::string ask(const std::vector<snmp_item>& items, const request_parts& request, size_t room = SNMP_MAX_DATAGRAM,
                 snmp_send_callback send = keep) {
-  octets packet = build(request);
-  const size_t size = packet.size();
-  packet.resize(std::max(room, size));
-  std::string sent;
-  const int32_t status = minimal_snmp(items.data(), static_cast<uint32_t>(items.size()), packet.data(), size,
+  const octets datagram = build(request);
+  octets packet = datagram, sent;
+  packet.resize(std::max(room, datagram.size()));
+  const int32_t status = minimal_snmp(items.data(), static_cast<uint32_t>(items.size()), packet.data(), datagram.size(),
                                       packet.data(), room, &sent, send);
   EXPECT_EQ(status == 7, !sent.empty());
-  return sent.empty() ? std::to_string(status) : sent;
+  if (sent.empty()) return std::to_string(status);
+  read_response asked, answered = {};
+  EXPECT_EQ(nullptr, read_strictly(datagram, &asked, request.pdu_tag));
+  read_strictly(sent, &answered);
+  EXPECT_EQ(std::tuple(asked.version, asked.community, asked.id),
+            std::tuple(answered.version, answered.community, answered.id));
+  return describe(sent);
 }
 
 TEST(pipeline, answers) {
