@@ -107,8 +107,17 @@ TEST(decoder, accepts_a_whole_message_only) {
          << got.non_repeaters << " " << got.max_repetitions << " " << got.oid_count << ":";
     for (const snmp_oid& oid : std::span(got.oid, got.oid_count)) text << " " << dotted({oid.subid, oid.count});
     EXPECT_EQ(expected, text.str());
+    for (const snmp_oid& oid : got.oid) {
+      for (size_t i = oid.count; i < SNMP_MAX_SUBIDS; i++) EXPECT_EQ(0u, oid.subid[i]) << "not cleared: " << i;
+    }
     for (size_t i = got.oid_count; i < SNMP_MAX_REQUEST_OIDS; i++) EXPECT_EQ(0u, got.oid[i].count) << i;
   }
+}
+
+TEST(decoder, names_each_type_of_a_pdu) {
+  std::string names;
+  for (uint32_t type = PDU_GET - 1; type <= PDU_REPORT + 1; type++) names += std::string(get_pdu_name(type)) + " ";
+  EXPECT_EQ("? GET GETNEXT RESPONSE SET ? GETBULK INFORM TRAP REPORT ? ", names);
 }
 
 // Among them lengths that would wrap when added to the cursor.

@@ -61,8 +61,11 @@ TEST(values, oids) {
 // Writes a text of as many octets as its context says, if it has an encoding.
 int32_t encode_text_of(ber_tlv* destination, size_t capacity, size_t* size_out, void* context) {
   const std::string text(*static_cast<size_t*>(context), 'x');
+  const size_t size = get_strlen(text.size());
+  EXPECT_EQ(destination == nullptr, size_out != nullptr);
+  EXPECT_EQ(destination == nullptr ? 0 : size, capacity);
   if (text.size() > BER_MAX_LENGTH) capacity = 0;
-  return write_value(destination, capacity, size_out, get_strlen(text.size()),
+  return write_value(destination, capacity, size_out, size,
                      [&](ber_tlv* at) { encode_str(at, text.data(), text.size()); });
 }
 
@@ -97,10 +100,13 @@ TEST_F(responses, headers_grow_with_their_content) {
     EXPECT_EQ(to_hex(expected), to_hex(encode(SNMP_MAX_DATAGRAM)));
     EXPECT_EQ(to_hex(expected), to_hex(encode(expected.size())));
   }
-  text_size = 60000;
+  text_size = 65432;
   EXPECT_NE(octets(), encode(70000));
-  text_size = 65530;  // fits a text, and with its OID no varbind
-  EXPECT_EQ(octets(), encode(70000));
+  // From here on the content of the message is too long, then also that of the PDU, the list and the varbind.
+  for (const size_t size : {65433u, 65505u, 65519u, 65523u}) {
+    text_size = size;
+    EXPECT_EQ(octets(), encode(70000)) << size;
+  }
   EXPECT_EQ("", log.take());
 }
 
