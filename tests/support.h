@@ -29,7 +29,7 @@ inline snmp_oid oid_of(const object_id& oid) {
 class captured_log {
  public:
   captured_log() {
-    torvasin_host::set_log_level(1);
+    torvasin_host::set_log_level(0);
     const auto keep = [](const torvasin_host::log_record& record, void* self) {
       auto* log = static_cast<captured_log*>(self);
       const std::lock_guard guard(log->mutex_);
