@@ -7,6 +7,7 @@
 #include <random>
 
 #include "module/snmp/mainsnmp.h"
+#include "module/snmp/snmp/snmp_log.h"
 #include "support.h"
 
 // Serves an INTEGER, the number that is the context.
@@ -156,6 +157,9 @@ TEST(pipeline, messages) {
   EXPECT_TRUE(log.has(1, "not authorized request") && log.has(1, "NOTHING TO SEND FOR MISSING"));
   EXPECT_EQ("-1", ask(table, getnext({e}), 5));
   EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getnext oid not found"));
+  const char log_source[] = "test";
+  const auto torvasin_log = [](int, const char*, int, int flag, const char*) { return flag; };
+  EXPECT_EQ(1, SNMP_LOG(TRACE, "")) << "the flag that a host gets";
 }
 
 // Every octet at every place, among octets of every number of digits.

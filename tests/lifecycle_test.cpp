@@ -103,6 +103,7 @@ WRAP(sendto, ssize_t, (int fd, const void* p, size_t n, int flags, const sockadd
 WRAP(pthread_mutexattr_init, int, (pthread_mutexattr_t * a), errno, a)
 WRAP(pthread_mutexattr_setprotocol, int, (pthread_mutexattr_t * a, int protocol), errno, a, protocol)
 WRAP(pthread_create, int, (pthread_t * t, const pthread_attr_t* a, void* (*f)(void*), void* p), errno, t, a, f, p)
+WRAP(pthread_join, int, (pthread_t t, void** result), __real_pthread_join(t, result) + error, t, result)
 WRAP(pthread_setname_np, int, (pthread_t t, const char* name), errno, t, name)
 WRAP(pthread_mutex_lock, int, (pthread_mutex_t * lock), errno, lock)
 WRAP(pthread_mutex_unlock, int, (pthread_mutex_t * lock), errno, lock)
@@ -223,6 +224,7 @@ struct lifecycle : testing::Test {
   void nothing_is_left() {
     torvasin_host::release_all_texts();
     EXPECT_EQ(nullptr, module());
+    EXPECT_EQ(0, memcmp(&given, &context, sizeof given)) << "something else of the host's context was written";
     EXPECT_EQ(0u, torvasin_host::get_memory_stats().live_blocks);
     EXPECT_EQ(0u, engine.registrations());
     EXPECT_EQ(files, entries("/proc/self/fd"));
@@ -236,7 +238,7 @@ struct lifecycle : testing::Test {
   captured_log log;
   torvasin_host::meter_engine engine;
   const torvasin_plugin_entry* entry = &plugin_entry_0_6;
-  const torvasin_plugin_context given = {"test", &engine, {}, nullptr};
+  const torvasin_plugin_context given = {"test", &engine, "the host's own octets.", nullptr};
   torvasin_key_value_list host_keys;
 };
 
@@ -308,6 +310,7 @@ TEST_F(lifecycle, faults_of_a_start) {
       {"torvasin_engine_addCallbackMeterManager", 0, 1, "", -1,
        "4 cannot register meter fast callback\n0 torvasin_engine_rmCallbackMeterManager slow\n" + undone},
       {"pthread_create", EAGAIN, 0, "", 0, "4 not possible to poller thread\n"},
+      {"pthread_join", EINVAL, 0, "", 0, "1 error join thread\n"},
       {"pthread_setname_np", ERANGE, 0, "", 0, "2 not possible to set thread name 34 Numerical result out of range\n"},
       {"pthread_setaffinity_np", EINVAL, 0, "", 0,
        ": invalid affinity: Invalid argument\n1 module_thread_loop: new nice 6"},
@@ -343,6 +346,7 @@ TEST_F(lifecycle, faults_of_a_start) {
   }
   plan("bind", EACCES);
   EXPECT_EQ(-1, plugin_entry_0_6.startCycle(&context, nullptr));
+  for (const void* slot : {entry->slot1, entry->slot5, entry->slot7}) EXPECT_EQ(nullptr, slot);
   EXPECT_EQ("snmp 0.6.25"s, entry->name + " "s + plugin_entry_torvasin_module_version);
   EXPECT_EQ(
       "3 error -1 parsing snmpmanager.ini\n3 problem parsing snmpmanager.ini\n"
