@@ -207,8 +207,6 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
 //
 // Copies current meter values from the host's lists into the items.
 
-namespace {
-
 bool takes(snmp_item_type type, uint32_t tag) {
   switch (type) {
     case ITEM_UINT:
@@ -220,6 +218,8 @@ bool takes(snmp_item_type type, uint32_t tag) {
   SNMP_LOG(TRACE, "not yet managed %d", __LINE__);
   return false;
 }
+
+namespace {
 
 // Stores a meter's value in the item as it is, if the item takes its tag. It is converted, and the
 // formula applied, when the item is served.

@@ -88,7 +88,7 @@ struct snmp_send_ctx {
 
 // Returns the index of the item of this name. If there is none, creates it as a uint item of value
 // 0 that answers NULL. Returns a negative number and creates nothing when the name has more than 63
-// characters or there is no memory. A call may move both tables.
+// octets or there is no memory. A call may move both tables.
 int32_t get_or_create_item(snmp_module* module, const char* name);
 
 // Gives each snmp_item its binding as context once the configuration is read, and checks the items:
@@ -111,8 +111,12 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
 
 // ---- Meter refresh, on the host's meter threads ------------------------------------------------
 
+// Whether items of a type take values of a tag (enum torvasin_value_type). A type that there is not
+// takes none, and a trace message says so.
+bool takes(snmp_item_type type, uint32_t tag);
+
 // Copies the current value of every item of a speed from a list. An item keeps its value when its
-// meter is missing or has a tag that the item's type does not take. Returns the result of the
+// meter is missing or has a tag that its type does not take. Returns the result of the
 // unlock, normally 0. If the lock cannot be taken, touches nothing and returns the error.
 int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed);
 
