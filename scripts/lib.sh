@@ -44,18 +44,18 @@ need_packages() {
 # need_unpacked PACKAGE: has the program of this name from a Debian package that is not installed,
 # because Debian would start its service.
 need_unpacked() {
-  local work
+  local directory
   ! command -v "$1" >/dev/null || return 0
   printf 'Unpacking %s\n' "$1"
   mkdir -p build/unpacked
-  work=$(mktemp -d -p build)
+  directory=$(mktemp -d -p build)
   (
-    cd "$work"
+    cd "$directory"
     apt-get download "$1" >/dev/null 2>&1 ||
       { thrice as_root apt-get update && thrice apt-get download "$1"; }
     dpkg-deb -x ./*.deb ../unpacked
   )
-  rm -r "$work"
+  rm -r "$directory"
 }
 
 # Configures a CMake preset once and brings its build up to date. Shows the progress in one line of a
