@@ -26,7 +26,8 @@ while IFS=: read -r file arguments wanted; do
     sub(/^;= /, "") && quiet { print }' "$file" "${files[@]:1}")" "$status"$'\n'"$(<out)"
 done < <(cd golden && grep '^; check' -- *.ini)
 
-# The minimal host's names, as they lie beside it. To renew them, run the two commands there after this touch.
+# The minimal host's names, as they lie beside it. To renew one: cd examples/host; touch as here;
+# torvasin_config mib --name MINIMAL-HOST-MIB --meters meters.ini snmpmanager.ini >MINIMAL-HOST-MIB.txt
 cp "$root"/examples/host/*.ini .
 touch -d '2026-01-02 03:04:05Z' snmpmanager.ini
 for row in 'mib --name MINIMAL-HOST-MIB=MINIMAL-HOST-MIB.txt' 'prometheus --name minimal_host=snmp.yml'; do
