@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <clocale>
 #include <cmath>
 #include <vector>
 
@@ -25,10 +27,15 @@ void check(std::string text, double value, double expected, int position = 0) {
   const bool same = result == expected && std::signbit(result) == std::signbit(expected);
   EXPECT_TRUE(same || (std::isnan(expected) && std::isnan(result))) << result;
   const size_t at = position == 0 ? text.find("value") : text.npos;
-  if (at != text.npos) check(text.replace(at, 5, std::to_string(value)), value, expected);
+  char number[32] = {};
+  std::to_chars(number, std::end(number), value);
+  if (at != text.npos) check(text.replace(at, 5, number), value, expected);
 }
 
+// In a locale whose numbers have a comma, which LOCPATH leads to.
 TEST(TinyExpr, Language) {
+  setlocale(LC_ALL, "");
+  EXPECT_EQ(getenv("LOCPATH") != nullptr, *localeconv()->decimal_point == ',');
   volatile double half = 0.5;  // volatile: the C library gives the expected values, not the compiler
   const double v = half;
   const std::tuple<double, int, std::vector<std::string>> rows[] = {

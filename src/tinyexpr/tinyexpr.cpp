@@ -5,6 +5,7 @@
 #include "tinyexpr.h"
 
 #include <limits.h>
+#include <locale.h>
 #include <math.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -162,6 +163,7 @@ constexpr int lowest_precedence = 1;
 struct compiler {
   const char* start;             // the text
   const char* next;              // behind the last token read
+  locale_t locale;               // in which numbers are read
   const te_variable* variables;  // count of them
   int count;
   token ahead;          // the last token read, not yet used
@@ -187,7 +189,7 @@ constexpr bool is_blank(char c) {
 
 token read_number(compiler& c) {
   char* behind = nullptr;
-  c.instruction = constant(strtod(c.next, &behind));
+  c.instruction = constant(strtod_l(c.next, &behind, c.locale));
   c.next = behind;
   return token::value;
 }
@@ -361,6 +363,7 @@ te_expr* finish(const compiler& c) {
 
 te_expr* te_compile(const char* expression, const te_variable* variables, int count, int* error) {
   compiler c = {};
+  c.locale = newlocale(LC_ALL_MASK, "C", locale_t{});
   c.start = expression;
   c.next = expression;
   c.variables = variables;
@@ -370,10 +373,11 @@ te_expr* te_compile(const char* expression, const te_variable* variables, int co
   // product that overflows.
   c.code = static_cast<te_expr*>(calloc(strlen(expression) + 1, sizeof(te_expr)));
   bool compiled = false;
-  if (c.code != nullptr) {
+  if (c.code != nullptr && c.locale != locale_t{}) {
     advance(c);
     compiled = list(c) && c.ahead == token::end;
   }
+  if (c.locale != locale_t{}) freelocale(c.locale);
   if (error != nullptr) *error = compiled ? 0 : std::max(1, static_cast<int>(c.next - c.start));
   if (compiled) return finish(c);
   free(c.code);

@@ -1,8 +1,8 @@
 // Formulas over doubles: compiled once, evaluated often.
 //
-// This is the drop-in for TinyExpr's interface, built when no TinyExpr is installed: the types, the
-// functions and the language are the same, so that callers compile and link with either. Usable
-// from C and from C++.
+// This is the part of TinyExpr's interface that the module uses: te_compile, te_eval, te_free and
+// plain variables, with the same language, so that callers compile and link with either. Closures,
+// functions of the caller's, te_interp and te_print are not part of it. Usable from C and from C++.
 //
 // The language:
 //   list   = expr {"," expr}                        its value is the last one's
@@ -13,8 +13,9 @@
 //   base   = number | variable | constant ["(" ")"] | function1 signed
 //          | function2 "(" expr "," expr ")" | "(" list ")"
 //
-// A number begins with a digit or a point and is read by strtod, in the locale of the process; of a
-// lone point strtod reads nothing, so no text goes on behind it. A name begins with an ASCII letter
+// A number begins with a digit or a point and is read as strtod reads it in the C locale, whatever
+// the locale of the process; of a lone point strtod reads nothing, so no text goes on behind it. A
+// name begins with an ASCII letter
 // and goes on with letters, digits and "_"; case counts, and the caller's variables come before the
 // built-ins. Blanks, tabs, carriage returns and line feeds separate tokens.
 //
