@@ -66,7 +66,7 @@ void check_meter(findings& found, item& item, const meter_list& meters) {
         "meter {0} is {1}: write metertype = {1}", name,
         torvasin_host::speed_name(item.meter->speed));
   }
-  if (item.typed() && !takes(static_cast<snmp_item_type>(binding.type), type)) {
+  if (item.typed() && !item_takes(static_cast<snmp_item_type>(binding.type), type)) {
     say(found, item, item.at(item_key::type), warning,
         "its type takes no {}, which meter {} is: write type = {}",
         torvasin_host::type_name(static_cast<torvasin_value_type>(type)), name,

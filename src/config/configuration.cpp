@@ -17,8 +17,6 @@ namespace {
 
 using std::string_view;
 
-constexpr string_view item_prefix = "ITEM_";
-
 // ---- Values ------------------------------------------------------------------------------------
 
 // What is odd or wrong about a key line, to stand behind it; no text when nothing is.
@@ -152,7 +150,7 @@ void take_key(configuration& config, const ini_line& line) {
   findings& found = config.found;
   const string_view name = line.section;
   const std::string section = printable(name);
-  const bool general = name == "General";
+  const bool general = name == general_section;
   const bool known = general || (name.starts_with(item_prefix) && name != item_prefix);
   if (line.is_first) {
     if (name != line.written)

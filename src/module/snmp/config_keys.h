@@ -1,6 +1,6 @@
-// The keys of the configuration file, for the module, which applies them, and for torvasin_config,
-// which checks them. Both switch over the enums, so the compiler names each place that a new key
-// still needs.
+// The sections and keys of the configuration file, for the module, which applies them, and for
+// torvasin_config, which checks them. Both switch over the enums, so the compiler names each place
+// that a new key still needs.
 
 #ifndef TORVASIN_SNMP_CONFIG_KEYS_H
 #define TORVASIN_SNMP_CONFIG_KEYS_H
@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <string_view>
+
+constexpr std::string_view general_section = "General";
+constexpr std::string_view item_prefix = "ITEM_";  // an item's section: this and the item's name
 
 // Each enum ends with `unknown`; the names stand in its order.
 enum class general_key { ip, port, include, unknown };

@@ -207,7 +207,7 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
 //
 // Copies current meter values from the host's lists into the items.
 
-bool takes(snmp_item_type type, uint32_t tag) {
+bool item_takes(snmp_item_type type, uint32_t tag) {
   switch (type) {
     case ITEM_UINT:
     case ITEM_INT:
@@ -224,7 +224,7 @@ namespace {
 // Stores a meter's value in the item as it is, if the item takes its tag. It is converted, and the
 // formula applied, when the item is served.
 void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) {
-  if (!takes(static_cast<snmp_item_type>(binding->type), meter->type)) return;
+  if (!item_takes(static_cast<snmp_item_type>(binding->type), meter->type)) return;
   binding->refreshed = 1;
   switch (meter->type) {
     case TORVASIN_UINT32:
@@ -293,7 +293,6 @@ struct key_line {
 
 constexpr int file_not_opened = -1;  // a result of ini_parse
 
-constexpr string_view item_prefix = "ITEM_";
 constexpr string_view int_prefix = "int:";
 constexpr string_view uint_prefix = "uint:";
 constexpr string_view string_prefix = "string:";
@@ -482,7 +481,7 @@ int ini_handler_cb(void* user, const char* section, const char* key, const char*
   snmp_module* module = module_of(line.context);
   const char* name = after(section, item_prefix);
   KEY_LOG(TRACE, line, ")");
-  if (string_view(section) == "General") {
+  if (section == general_section) {
     apply_general_key(line, module);
   } else if (name != nullptr && *name != '\0') {
     apply_item_key(line, module, name);
@@ -526,11 +525,11 @@ int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
 
 namespace {
 
-constexpr char poller[] = "module_thread_loop";
+constexpr char loop_name[] = "module_thread_loop";
 constexpr int mask_cpus = 32;  // CPUs that an affinity mask can name
 
 void apply_affinity(int32_t affinity) {
-  SNMP_LOG(TRACE, "%s: try to set affinity to %08x", poller, static_cast<unsigned>(affinity));
+  SNMP_LOG(TRACE, "%s: try to set affinity to %08x", loop_name, static_cast<unsigned>(affinity));
   cpu_set_t cpus;
   CPU_ZERO(&cpus);
   for (unsigned i = 0; i < mask_cpus; i++) {
@@ -538,25 +537,25 @@ void apply_affinity(int32_t affinity) {
   }
   int error = pthread_setaffinity_np(pthread_self(), sizeof cpus, &cpus);
   if (error != 0) {
-    SNMP_LOG(FAILURE, "%s: invalid affinity: %s", poller, strerror(error));
+    SNMP_LOG(FAILURE, "%s: invalid affinity: %s", loop_name, strerror(error));
     return;
   }
   error = pthread_getaffinity_np(pthread_self(), sizeof cpus, &cpus);
   if (error != 0) {
-    SNMP_LOG(FAILURE, "%s: invalid getting affinity: %s", poller, strerror(error));
+    SNMP_LOG(FAILURE, "%s: invalid getting affinity: %s", loop_name, strerror(error));
   } else {
     uint32_t mask = 0;
     for (unsigned i = 0; i < mask_cpus; i++) {
       if (CPU_ISSET(i, &cpus)) mask |= 1u << i;
     }
-    SNMP_LOG(WARNING, "%s: affinity to %08x", poller, mask);
+    SNMP_LOG(WARNING, "%s: affinity to %08x", loop_name, mask);
   }
   usleep(1);  // lets the scheduler move the thread to a CPU of the mask
 }
 
 void apply_niceness(int32_t renice) {
   const int niceness = nice(renice);
-  if (niceness != 0) SNMP_LOG(TRACE, "%s: new nice %d", poller, niceness);
+  if (niceness != 0) SNMP_LOG(TRACE, "%s: new nice %d", loop_name, niceness);
 }
 
 unsigned port_of(const sockaddr_in* peer) {
@@ -571,7 +570,7 @@ void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
            port_of(&sender->peer));
   const int32_t locked = retry(pthread_mutex_lock, &module->lock);
   if (locked != 0) {
-    SNMP_LOG(FAILURE, "%s: datagram dropped, no lock: %d %s", poller, locked, strerror(locked));
+    SNMP_LOG(FAILURE, "%s: datagram dropped, no lock: %d %s", loop_name, locked, strerror(locked));
     return;
   }
   minimal_snmp_exchange(&module->exchange, module->items, module->item_count, packet, received,
@@ -628,11 +627,11 @@ void* module_thread_loop(void* argument) {
     if (received > 0) {
       handle_datagram(module, &sender, packet, static_cast<size_t>(received));
     } else if (received < 0 && errno != EAGAIN) {
-      SNMP_LOG(TRACE, "%s(%p) error receive: %d %s", poller, argument, errno, strerror(errno));
+      SNMP_LOG(TRACE, "%s(%p) error receive: %d %s", loop_name, argument, errno, strerror(errno));
       usleep(1);  // an error that lasts must not take the whole CPU
     }
   }
-  SNMP_LOG(TRACE, "%s(%p) end", poller, argument);
+  SNMP_LOG(TRACE, "%s(%p) end", loop_name, argument);
   return nullptr;
 }
 
