@@ -79,8 +79,11 @@ TEST_F(configuration, accepted_lines) {
   EXPECT_STREQ("255.255.255.255", module.ip);
   line("ITEM_x, meter, " + std::string(200, 'm'));
   EXPECT_EQ(std::string(127, 'm'), module.bindings[0].meter);
-  for (const char* speed : {"fast", "FAST"}) line("ITEM_x, metertype, "s + speed);
-  EXPECT_EQ(0u, module.bindings[0].fast);
+  for (const char* speed : {"FAST", "fastest"}) {
+    line("ITEM_x, metertype, fast");
+    line("ITEM_x, metertype, "s + speed);
+    EXPECT_EQ(0u, module.bindings[0].fast) << speed;
+  }
   EXPECT_EQ("05 00", served(0)) << "without a type";
   for (int i = 0; i < 300; i++) line("General, include, /nowhere");
   log.take();
@@ -140,6 +143,7 @@ TEST_F(configuration, items_take_their_meters) {
       {"uint:09", "", "41 01 09", {{5, "41 01 09"}, {7.9f, "41 01 07"}, {4294967295u, "41 05 00 FF FF FF FF"}}},
       {"int", "value*10", "02 01 00", {{-0.37f, "02 01 FD"}}},
       {"uint", "value*100", "41 01 00", {{0.37f, "41 01 25"}}},
+      {"uint", "value+9", "41 01 09", {{-1.5f, "41 01 07"}, {NAN, "41 01 00"}}},
       {"uint", "", "41 01 00", {{-1.5f, "41 01 00"}, {5e9f, "41 05 00 FF FF FF FF"}}},
       {"string", "", "04 00", {{"abc", "04 03 61 62 63"}, {std::string(65536, 'x'), "-1"}}},
       {"string:x", "", "04 01 78", {{5, "04 01 78"}, {5.0f, "04 01 78"}}},

@@ -5,6 +5,9 @@
 // several. Each sentence here binds the side that it names. What neither side promises, the other
 // must not rely on.
 //
+// The module is a guest: it leaves the host's signal masks, floating-point environments, locale and
+// child processes alone, and what it computes does not depend on them.
+//
 // Loading. The host defines all torvasin_ functions below and exports them to the libraries that it
 // loads: from the program, linked with -rdynamic, or from a library loaded with RTLD_GLOBAL. If one
 // is missing, dlopen fails. The host gives dlopen RTLD_NOW and a path with a slash: a bare file
@@ -13,12 +16,13 @@
 // stopped, or its startCycle failed.
 //
 // Rules for every host function:
-//  - The module calls it from startCycle, from stopCycle or from a meter callback; "called from"
-//    says which. From threads of its own, the module calls torvasin_log and nothing else.
+//  - The module calls it on the host's threads, from the entries or meter callbacks that "Called
+//    from" names. torvasin_log is called from each of them, and it is the only one that the module
+//    also calls from a thread of its own.
 //  - The module may hold a lock of its own during the call. Therefore the function must not wait:
-//    not for a reader or a disk, and not for a lock that is held during those or a callback. It may
-//    take a lock that is held briefly. Only torvasin_engine_rmCallbackMeterManager may wait, where
-//    it says so.
+//    not for a reader, not for a disk, and not for a lock that some thread holds while it waits for
+//    one of these or calls a callback. It may take a lock that is held briefly. Only
+//    torvasin_engine_rmCallbackMeterManager may wait, where it says so.
 //  - It must not call an entry or a callback. Only torvasin_engine_addCallbackMeterManager may call
 //    the callback that it adds. It must return: no exception or longjmp may leave it.
 //  - torvasin_log is called by several threads at once. So are the others if the host runs entries
@@ -187,9 +191,10 @@ void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned);
 //
 // The call may come on any thread, but not from inside a host function, except the one that
 // registers it. Calls may overlap, those of one registration too. The callback waits while the
-// module answers one datagram. During a callback the host may hold a lock of its own that no host
-// function but torvasin_engine_rmCallbackMeterManager takes. The result is 0, or an error number
-// when the module could not take the values; the host may ignore it.
+// module answers one datagram: microseconds, or some milliseconds where the network is too slow to
+// take the response, which is then dropped. During a callback the host may hold a lock of its own
+// that no host function but torvasin_engine_rmCallbackMeterManager takes. The result is 0, or an
+// error number when the module could not take the values; the host may ignore it.
 typedef int (*torvasin_meter_callback)(const torvasin_key_value_list* list, void* user);
 
 // Registers a callback for a speed (enum torvasin_speed) with an engine, that of a context. Called
@@ -249,9 +254,10 @@ typedef struct torvasin_plugin_entry {
 
   const void* slot5;
 
-  // Starts the thread that answers requests. It inherits the signal mask of the caller: a host that
-  // handles signals blocks them before startThread. When the thread cannot be started, that is
-  // logged, nothing is answered, and the instance is stopped as any other.
+  // Starts the thread that answers requests. It blocks all signals but those that an instruction
+  // causes (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS), so no signal to the process lands on
+  // it; the mask of the caller stays as it was. When the thread cannot be started, that is logged,
+  // nothing is answered, and the instance is stopped as any other.
   void (*startThread)(torvasin_plugin_context* context);
 
   const void* slot7;

@@ -2,10 +2,11 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
+#include <fenv.h>
 #include <ini.h>
 #include <math.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -59,6 +60,23 @@ bool running(snmp_module* module) {
 void set_running(snmp_module* module, int32_t run) {
   std::atomic_ref<int32_t>(module->run).store(run);
 }
+
+// While one of these lives, its thread computes as every thread does at first: no exception traps
+// and results are rounded to the nearest. A host may have chosen otherwise for its own numbers, and
+// its choice must neither change what a formula gives nor let 1/0 end the process.
+class default_arithmetic {
+ public:
+  default_arithmetic() {
+    fegetenv(&callers_);
+    fesetenv(FE_DFL_ENV);
+  }
+  default_arithmetic(const default_arithmetic&) = delete;
+  default_arithmetic& operator=(const default_arithmetic&) = delete;
+  ~default_arithmetic() { fesetenv(&callers_); }
+
+ private:
+  fenv_t callers_;
+};
 
 }  // namespace
 
@@ -387,7 +405,10 @@ void apply_formula(const key_line& line, snmp_module* module, snmp_meter_binding
   te_free(binding->formula);
   constexpr int variables = 1;
   int error = 0;
-  binding->formula = te_compile(line.value, &module->formula_vars, variables, &error);
+  {
+    const default_arithmetic arithmetic;  // the compiler computes what is constant
+    binding->formula = te_compile(line.value, &module->formula_vars, variables, &error);
+  }
   if (binding->formula == nullptr) {
     KEY_LOG(ERROR, line, ", %d) error parsing formula near %d", variables, error);
   }
@@ -615,6 +636,7 @@ int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length) 
 void* module_thread_loop(void* argument) {
   const auto* context = static_cast<torvasin_plugin_context*>(argument);
   snmp_module* module = module_of(context);
+  const default_arithmetic arithmetic;  // it computes every formula that is served
   if (module->affinity >= 1) apply_affinity(module->affinity);
   if (module->renice != 0) apply_niceness(module->renice);
 
@@ -645,6 +667,7 @@ constexpr char default_config_file[] = "snmpmanager.ini";
 constexpr char default_ip[] = "127.0.0.1";
 constexpr uint16_t default_port = 161;
 constexpr timeval receive_timeout = {1, 0};  // bounds how long a stop takes
+constexpr timeval send_timeout = {0, 1000};  // bounds how long a slow network keeps the lock taken
 
 // Creates the lock with priority inheritance, so that a host thread that waits for it lends its
 // priority to the poller.
@@ -704,6 +727,9 @@ int32_t bind_socket(snmp_module* module) {
     SNMP_LOG(FAILURE, "error setsockopt socker: %d %s", errno, strerror(errno));
     return -1;
   }
+  // Without it a response would wait, under the lock, until the network takes it. Where the system
+  // refuses it, the agent works as well on a network that is fast enough.
+  setsockopt(module->fd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
   return 0;
 }
 
@@ -758,13 +784,13 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
   memset(module, 0, sizeof *module);
   module->port = default_port;
   copy_text(module->ip, default_ip);
-  module->fd = socket(AF_INET, SOCK_DGRAM, 0);
+  // A child process that the host starts meanwhile must not keep the port.
+  module->fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (module->fd < 0) {
     SNMP_LOG(FAILURE, "error creating socker: %d %s", errno, strerror(errno));
     torvasin_free(module);
     return -1;
   }
-  fcntl(module->fd, F_SETFD, FD_CLOEXEC);  // a child process of the host must not keep the port
   context->private_data = module;
   module->formula_vars = {"value", &module->formula_value, TE_VARIABLE, nullptr};
   if (start_module(context, module, list) == 0) return 0;
@@ -776,10 +802,24 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
   return -1;
 }
 
+// Creates a thread that takes no signal meant for the host, from its first instruction on. Only
+// those that an instruction of its own causes reach it: blocked, they would end the process without
+// a word to the host's handler. Returns what pthread_create returns.
+int create_quiet_thread(pthread_t* thread, void* (*run)(void*), void* argument) {
+  sigset_t blocked;
+  sigset_t callers;
+  sigfillset(&blocked);
+  for (int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) sigdelset(&blocked, own);
+  pthread_sigmask(SIG_SETMASK, &blocked, &callers);  // a new thread inherits the mask
+  const int result = pthread_create(thread, nullptr, run, argument);
+  pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+  return result;
+}
+
 void startThread(torvasin_plugin_context* context) {
   snmp_module* module = module_of(context);
   set_running(module, 1);
-  if (pthread_create(&module->thread, nullptr, module_thread_loop, context) != 0) {
+  if (create_quiet_thread(&module->thread, module_thread_loop, context) != 0) {
     SNMP_LOG(FAILURE, "not possible to poller thread");
     return;
   }

@@ -4,9 +4,10 @@
 // Threads and lock. The host's threads run the four entries, one at a time. They also run the meter
 // callbacks, at any moment between their registration and their removal. One poller thread answers
 // datagrams. `lock` is the only lock. The poller holds it while it handles a datagram, the send
-// included. A meter callback holds it for a whole refresh. The item tables change shape only inside
-// startCycle and stopCycle, when neither the poller nor a callback runs. Instances in one process
-// share nothing: each has its own context, state and poller.
+// included, for which it waits some milliseconds at most. A meter callback holds it for a whole
+// refresh. The item tables change shape only inside startCycle and stopCycle, when neither the
+// poller nor a callback runs. Instances in one process share nothing: each has its own context,
+// state and poller.
 //
 // Ownership. The host owns the context, its lists and the allocator. The module owns snmp_module,
 // which owns the two tables, the formulas and the socket. Nothing is allocated while datagrams are
@@ -146,13 +147,16 @@ int32_t parse_oid(const char* text, snmp_oid* oid);
 
 // ---- Poller ------------------------------------------------------------------------------------
 
-// The poller thread. Its argument is the context, its result is null.
+// The poller thread. Its argument is the context, its result is null. It takes no signal of the
+// host's and computes with the default floating-point environment.
 void* module_thread_loop(void* context);
 
 // Writes an IPv4 address as dotted text, as inet_ntop does, and returns the text.
 const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]);
 
-// The poller's send callback. The context is an snmp_send_ctx. Sends once and always returns 0.
+// The poller's send callback. The context is an snmp_send_ctx. Sends once and always returns 0. A
+// message for which the socket's buffer has no room within a few milliseconds is dropped and logged
+// as one that could not be sent.
 int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length);
 
 #endif  // TORVASIN_SNMP_MAINSNMP_H
