@@ -5,8 +5,9 @@
 // several. Each sentence here binds the side that it names. What neither side promises, the other
 // must not rely on.
 //
-// The module is a guest: it leaves the host's signal masks, floating-point environments, locale and
-// child processes alone, and what it computes does not depend on them.
+// The module is a guest. After each call the host's signal mask, floating-point environment and
+// locale are as before, and the values that it serves depend on none of them. A program that the
+// host executes does not inherit its socket.
 //
 // Loading. The host defines all torvasin_ functions below and exports them to the libraries that it
 // loads: from the program, linked with -rdynamic, or from a library loaded with RTLD_GLOBAL. If one
@@ -254,10 +255,10 @@ typedef struct torvasin_plugin_entry {
 
   const void* slot5;
 
-  // Starts the thread that answers requests. It blocks all signals but those that an instruction
-  // causes (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS), so no signal to the process lands on
-  // it; the mask of the caller stays as it was. When the thread cannot be started, that is logged,
-  // nothing is answered, and the instance is stopped as any other.
+  // Starts the thread that answers requests. The thread blocks all signals but SIGSEGV, SIGBUS,
+  // SIGFPE, SIGILL, SIGTRAP and SIGSYS, which its own instructions may cause; no other signal to
+  // the process lands on it. The mask of the caller stays as it was. When the thread cannot be
+  // started, that is logged, nothing is answered, and the instance is stopped as any other.
   void (*startThread)(torvasin_plugin_context* context);
 
   const void* slot7;

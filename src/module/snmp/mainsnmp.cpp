@@ -681,7 +681,7 @@ int32_t create_lock(snmp_module* module) {
     SNMP_LOG(FAILURE, "error set lock attribute protocol");
   }
   // On a kernel without priority inheritance this fails. The mutex then stays zeroed, which makes
-  // it a plain one that works.
+  // it a plain one that works, though a flood of requests can keep a host thread waiting for it.
   pthread_mutex_init(&module->lock, &attribute);
   module->lock_created = 1;
   pthread_mutexattr_destroy(&attribute);

@@ -112,8 +112,8 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
 
 // ---- Meter refresh, on the host's meter threads ------------------------------------------------
 
-// Whether items of a type take values of a tag (enum torvasin_value_type). A type that there is not
-// takes none, and a trace message says so.
+// Whether items of a type take values of a tag (enum torvasin_value_type). An unknown type
+// takes none, which a trace message says.
 bool item_takes(snmp_item_type type, uint32_t tag);
 
 // Copies the current value of every item of a speed from a list. An item keeps its value when its
