@@ -30,10 +30,6 @@ enum class answer {
   full,          // an item found and no varbind left for it
 };
 
-bool ends_request(answer one) {
-  return one == answer::no_such_name || one == answer::full;
-}
-
 // Answers the OID at one position of the request.
 answer answer_oid(const request_kind& kind, const snmp_item* items, uint32_t item_count,
                   const snmp_request* request, uint64_t position, snmp_response* response) {
@@ -58,53 +54,49 @@ answer answer_oid(const request_kind& kind, const snmp_item* items, uint32_t ite
   return answer::exception;
 }
 
-// Answers the first count OIDs of the request, once each. Returns the answer that ended it, or
-// answer::item when none did.
-answer answer_each(const request_kind& kind, const snmp_item* items, uint32_t item_count,
-                   const snmp_request* request, uint64_t count, snmp_response* response) {
-  for (uint64_t i = 0; i < count; i++) {
+// Answers the OIDs before first_repeater once each, then the others as often as told.
+int32_t answer_request(const request_kind& kind, const snmp_item* items, uint32_t item_count,
+                       snmp_request* request, uint64_t first_repeater, uint32_t repetitions,
+                       snmp_response* response) {
+  for (uint64_t i = 0; i < first_repeater; i++) {
     const answer one = answer_oid(kind, items, item_count, request, i, response);
-    if (ends_request(one)) return one;
+    if (one == answer::full) return -1;
+    if (one == answer::no_such_name) return 0;
   }
-  return answer::item;
+
+  // Every repetition but the last adds an item. So the response's capacity limits their number,
+  // however many are asked for.
+  bool advanced = first_repeater < request->oid_count;
+  for (uint32_t r = 0; r < repetitions && advanced; r++) {
+    advanced = false;
+    for (uint64_t i = first_repeater; i < request->oid_count; i++) {
+      const answer one = answer_oid(kind, items, item_count, request, i, response);
+      if (one == answer::full || one == answer::no_such_name) return 0;
+      if (one == answer::exception) continue;
+      request->oid[i] = response->varbind[response->varbind_count - 1].oid;
+      advanced = true;
+    }
+  }
+  return 0;
 }
 
 }  // namespace
 
 int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count, snmp_request* request,
                                 snmp_response* response) {
-  const answer last = answer_each(get, items, item_count, request, request->oid_count, response);
-  return last == answer::full ? -1 : 0;
+  return answer_request(get, items, item_count, request, request->oid_count, 0, response);
 }
 
 int32_t minimal_snmp_handle_getnext(const snmp_item* items, uint32_t item_count,
                                     snmp_request* request, snmp_response* response) {
-  const answer last =
-      answer_each(getnext, items, item_count, request, request->oid_count, response);
-  return last == answer::full ? -1 : 0;
+  return answer_request(getnext, items, item_count, request, request->oid_count, 0, response);
 }
 
 int32_t minimal_snmp_handle_getbulk(const snmp_item* items, uint32_t item_count,
                                     snmp_request* request, snmp_response* response) {
   const uint64_t first_repeater = std::min<uint64_t>(request->non_repeaters, request->oid_count);
-  const answer last = answer_each(getbulk, items, item_count, request, first_repeater, response);
-  if (last == answer::full) return -1;
-  if (last == answer::no_such_name) return 0;
-
-  // Every repetition but the last adds an item. So the response's capacity limits their number,
-  // even when max_repetitions is large.
-  bool advanced = first_repeater < request->oid_count;
-  for (uint32_t r = 0; r < request->max_repetitions && advanced; r++) {
-    advanced = false;
-    for (uint64_t i = first_repeater; i < request->oid_count; i++) {
-      const answer one = answer_oid(getbulk, items, item_count, request, i, response);
-      if (ends_request(one)) return 0;
-      if (one != answer::item) continue;
-      request->oid[i] = response->varbind[response->varbind_count - 1].oid;
-      advanced = true;
-    }
-  }
-  return 0;
+  return answer_request(getbulk, items, item_count, request, first_repeater,
+                        request->max_repetitions, response);
 }
 
 int32_t encode_no_such_object(ber_tlv* destination, size_t capacity, size_t* size_out, void*) {
