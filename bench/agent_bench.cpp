@@ -92,6 +92,8 @@ BENCH(pipeline, get20, request_kind::get20, ascending);
 BENCH(pipeline, next1, request_kind::next1, ascending);
 BENCH(pipeline, bulk20, request_kind::bulk20, ascending);
 BENCH(pipeline, bulk20_shuffled, request_kind::bulk20, shuffled);
+BENCH(pipeline, first20, request_kind::first20, ascending)->Arg(20'000);
+BENCH(pipeline, first20_shuffled, request_kind::first20, shuffled)->Arg(20'000);
 BENCH(find, exact, find_snmp_item, ascending);
 BENCH(find, successor, find_next_snmp_item, ascending);
 BENCH(find, successor_shuffled, find_next_snmp_item, shuffled);

@@ -41,16 +41,18 @@ inline std::string table_ini(std::uint32_t count, bool shuffled = false) {
 }
 
 enum class request_kind {
-  get1,   // GET of one OID
-  get20,  // GET of 20 OIDs
-  next1,  // GETNEXT of one OID
-  bulk20  // GETBULK of one OID, 20 repetitions
+  get1,    // GET of one OID
+  get20,   // GET of 20 OIDs
+  next1,   // GETNEXT of one OID
+  bulk20,  // GETBULK of one OID, 20 repetitions
+  first20  // GETNEXT of 20 OIDs, all of them 1.3, with which a walk begins
 };
 constexpr std::size_t many = 20;
 
 constexpr std::uint8_t pdu_tag(request_kind kind) {
   if (kind == request_kind::bulk20) return 0xA5;
-  return kind == request_kind::next1 ? 0xA1 : 0xA0;
+  const bool next = kind == request_kind::next1 || kind == request_kind::first20;
+  return next ? 0xA1 : 0xA0;
 }
 constexpr std::uint8_t response_tag = 0xA2;
 
@@ -69,11 +71,12 @@ inline std::vector<octets> make_requests(request_kind kind, const std::vector<ob
   std::vector<octets> requests;
   std::string all;
   for (std::size_t i = 0; i < many; i++) {
-    parts.varbinds = null_varbind(oids[i * last / (many - 1)]);
+    parts.varbinds =
+        null_varbind(kind == request_kind::first20 ? object_id{1, 3} : oids[i * last / (many - 1)]);
     requests.push_back(build(parts));
     all += parts.varbinds;
   }
-  if (kind != request_kind::get20) return requests;
+  if (kind != request_kind::get20 && kind != request_kind::first20) return requests;
   parts.varbinds = all;
   return {build(parts)};
 }

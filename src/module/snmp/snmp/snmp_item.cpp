@@ -48,8 +48,10 @@ int32_t compare_oid(const snmp_oid* a, const snmp_oid* b) {
 
 int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
                        const snmp_item** found) {
+  if (item_count == 0) return store(nullptr, found);
   const snmp_item* end = items + item_count;
-  uint64_t position = 0;
+  // Most OIDs end with a 0. The sub-identifier before it tells more of them apart.
+  uint64_t position = std::max<uint64_t>(oid->count, 2) - 2;
   for (const snmp_item* item = items; item != end; item++) {
     if (position < oid->count) {
       item =
