@@ -104,6 +104,9 @@ for axes, of in zip(chart.subplots(1, 3, width_ratios=[3, 3, 1.4]), FIGURES):
     draw(axes, *of)
 chart.axes[1].legend(frameon=False, loc="upper left")
 chart.savefig("docs/compare.svg", transparent=True, metadata={"Date": None})
+BY_HAND = "## What a client can cost\n"  # the section that is not written here
+with open("docs/compare.md", encoding="utf-8") as old:
+    kept = old.read().partition(BY_HAND)[2]
 with open("docs/compare.md", "w", encoding="utf-8") as out:
     out.write(f"""# The agent beside a bare echo and snmpd
 
@@ -138,4 +141,5 @@ round](compare.csv) are kept.
 ```
 {MACHINE}
 ```
-""")
+
+{BY_HAND}{kept}""")
