@@ -131,4 +131,7 @@ TEST_F(responses, what_does_not_fit_is_named_from_the_end) {
   request.oid_count = SNMP_MAX_VARBINDS + 1;
   response.error_status = SNMP_NO_ACCESS;
   refused(1472, "response: too much oid");
+  request.oid_count = 1;
+  EXPECT_NE(octets(), encode(1472));
+  EXPECT_EQ(&text_size, response.varbind[0].writer_ctx) << "which the NULL of an error response does not read";
 }

@@ -101,7 +101,7 @@ bool grow(entry** table, uint32_t count) {
 
 int32_t get_or_create_item(snmp_module* module, const char* name) {
   // The keys of a section follow one another, so the wanted item is nearly always the last one.
-  for (uint32_t i = module->item_count; module->bindings != nullptr && i > 0; i--) {
+  for (uint32_t i = module->item_count; i > 0; i--) {
     if (strcmp(module->bindings[i - 1].name, name) == 0) return static_cast<int32_t>(i - 1);
   }
   if (strlen(name) >= ITEM_NAME_SIZE) {
@@ -265,11 +265,10 @@ void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) 
 int32_t refresh_items(snmp_module* module, const torvasin_key_value_list* list, uint32_t speed) {
   const int32_t locked = retry(pthread_mutex_lock, &module->lock);
   if (locked != 0) return locked;
-  const uint32_t count = module->bindings != nullptr ? module->item_count : 0;
-  for (uint32_t i = 0; i < count; i++) {
+  for (uint32_t i = 0; i < module->item_count; i++) {
     module->bindings[i].refreshed = (module->bindings[i].fast != speed);
   }
-  for (uint32_t i = 0; i < count; i++) {
+  for (uint32_t i = 0; i < module->item_count; i++) {
     snmp_meter_binding* binding = &module->bindings[i];
     if (binding->refreshed != 0) continue;
     const torvasin_value* meter = nullptr;

@@ -67,7 +67,7 @@ struct snmp_module {
   pthread_t thread;  // the poller
   int32_t run;       // 1 while the poller is to go on; read and written atomically
   pthread_mutex_t lock;
-  snmp_meter_binding* bindings;  // owned, item_count entries, in order of creation
+  snmp_meter_binding* bindings;  // owned, item_count entries, in order of creation; null for none
   snmp_item* items;              // owned, item_count entries
   uint32_t item_count;
   double formula_value;      // the formulas' variable, set before each evaluation, under lock
