@@ -4,7 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <ini.h>
 
-#include "host/key_value_list.h"
+#include "engine/key_value_list.h"
 #include "module/snmp/mainsnmp.h"
 #include "module/snmp/snmp/snmp.h"
 #include "support.h"

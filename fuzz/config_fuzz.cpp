@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "host/memory.h"
+#include "engine/memory.h"
 #include "module/snmp/mainsnmp.h"
 #include "support.h"
 
@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   release_items(&module);
-  torvasin_host::release_all_texts();
-  assert(torvasin_host::get_memory_stats().live_blocks == 0);
+  torvasin_engine::release_all_texts();
+  assert(torvasin_engine::get_memory_stats().live_blocks == 0);
   return 0;
 }

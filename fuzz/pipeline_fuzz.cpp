@@ -124,10 +124,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready = set_up();
   assert(ready);
   const octets datagram(data, data + std::min(size, SNMP_MAX_DATAGRAM));
-  torvasin_host::set_log_level(1);
+  torvasin_engine::set_log_level(1);
   const octets answer = handle(datagram, SNMP_MAX_DATAGRAM, true);
   log.take(5);
-  torvasin_host::set_log_level(5);
+  torvasin_engine::set_log_level(5);
   assert(!handle(filling, SNMP_MAX_DATAGRAM).empty());
   const size_t room = answer.empty() ? SNMP_MAX_DATAGRAM : answer.size();
   assert(handle(datagram, room) == answer && "depends on the one before, or on the buffers");

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <variant>
 
-#include "host/key_value_list.h"
-#include "host/memory.h"
+#include "engine/key_value_list.h"
+#include "engine/memory.h"
 #include "module/snmp/mainsnmp.h"
 #include "support.h"
 
@@ -21,8 +21,8 @@ struct configuration : testing::Test {
   }
   ~configuration() override {
     release_items(&module);
-    torvasin_host::release_all_texts();
-    EXPECT_EQ(0u, torvasin_host::get_memory_stats().live_blocks);
+    torvasin_engine::release_all_texts();
+    EXPECT_EQ(0u, torvasin_engine::get_memory_stats().live_blocks);
   }
 
   // A line as the messages show it: section, key and value with ", " between them.

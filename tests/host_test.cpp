@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "host/log.h"
-#include "host/memory.h"
-#include "host/meter_engine.h"
+#include "engine/log.h"
+#include "engine/memory.h"
+#include "engine/meter_engine.h"
 #include "host/meters.h"
 
+using namespace torvasin_engine;
 using namespace torvasin_host;
 
 TEST(host_memory, texts_follow_their_record) {

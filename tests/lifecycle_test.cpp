@@ -15,8 +15,8 @@
 #include <fstream>
 #include <set>
 
-#include "host/memory.h"
-#include "host/meter_engine.h"
+#include "engine/memory.h"
+#include "engine/meter_engine.h"
 #include "module/snmp/mainsnmp.h"
 #include "support.h"
 
@@ -252,10 +252,10 @@ struct lifecycle : testing::Test {
   std::string ask() { return udp_client(context).ask(get_a_and_b); }
 
   void nothing_is_left() {
-    torvasin_host::release_all_texts();
+    torvasin_engine::release_all_texts();
     EXPECT_EQ(nullptr, module());
     EXPECT_EQ(0, memcmp(&given, &context, sizeof given)) << "something else of the host's context was written";
-    EXPECT_EQ(0u, torvasin_host::get_memory_stats().live_blocks);
+    EXPECT_EQ(0u, torvasin_engine::get_memory_stats().live_blocks);
     EXPECT_EQ(0u, engine.registrations());
     EXPECT_EQ(files, entries("/proc/self/fd"));
     // A thread that was joined may take a moment to leave the list.
@@ -266,7 +266,7 @@ struct lifecycle : testing::Test {
   ptrdiff_t threads, files;  // before a test
   const std::string path = testing::TempDir() + "lifecycle_" + std::to_string(getpid()) + ".ini";
   captured_log log;
-  torvasin_host::meter_engine engine;
+  torvasin_engine::meter_engine engine;
   const torvasin_plugin_entry* entry = &plugin_entry_0_6;
   const torvasin_plugin_context given = {"test", &engine, "the host's own octets.", nullptr};
   torvasin_key_value_list host_keys;
@@ -528,7 +528,7 @@ TEST_F(lifecycle, slow_network_keeps_no_thread_of_the_host_waiting) {
 
 // Publishers as fast as they can, requests to both as fast as they are answered, and stops in the middle.
 TEST_F(lifecycle, two_instances_answer_side_by_side) {
-  torvasin_host::set_log_level(2);
+  torvasin_engine::set_log_level(2);
   const auto publish = [&](std::stop_token over, int speed) {
     torvasin_key_value_list list;
     for (uint32_t i = 0; !over.stop_requested(); i++) {
@@ -575,7 +575,7 @@ extern "C" void* malloc(size_t n) { return scarce && gettid() != getpid() ? null
 
 // The library as a host loads it: what it needs in its threads comes from the C library only then.
 TEST_F(lifecycle, pollers_need_no_memory) {
-  torvasin_host::set_log_level(torvasin_host::log_off);
+  torvasin_engine::set_log_level(torvasin_engine::log_off);
   void* library = dlopen(TORVASIN_LIBRARY, RTLD_NOW);
   entry = static_cast<torvasin_plugin_entry*>(dlsym(library, "plugin_entry_0_6"));
   torvasin_plugin_context second = {"second", &engine, {}, nullptr};

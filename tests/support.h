@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "client.h"
-#include "host/log.h"
+#include "engine/log.h"
 #include "module/snmp/snmp/snmp_msg_protocol.h"
 
 inline std::string repeated(size_t times, const std::string& text) {
@@ -29,15 +29,15 @@ inline snmp_oid oid_of(const object_id& oid) {
 class captured_log {
  public:
   captured_log() {
-    torvasin_host::set_log_level(0);
-    const auto keep = [](const torvasin_host::log_record& record, void* self) {
+    torvasin_engine::set_log_level(0);
+    const auto keep = [](const torvasin_engine::log_record& record, void* self) {
       auto* log = static_cast<captured_log*>(self);
       const std::lock_guard guard(log->mutex_);
       log->lines_.emplace_back(record.level, record.source, record.text);
     };
-    torvasin_host::set_log_sink(keep, this);
+    torvasin_engine::set_log_sink(keep, this);
   }
-  ~captured_log() { torvasin_host::set_log_sink(nullptr, nullptr); }
+  ~captured_log() { torvasin_engine::set_log_sink(nullptr, nullptr); }
 
   // The lines since the last call of this level and above, each as "level text\n", or "level source: text\n".
   std::string take(int least_level = 2, bool with_source = false) {

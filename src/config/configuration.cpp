@@ -7,9 +7,9 @@
 #include <cstring>
 
 #include "config/config.h"
-#include "host/key_value_list.h"
-#include "host/log.h"
-#include "host/memory.h"
+#include "engine/key_value_list.h"
+#include "engine/log.h"
+#include "engine/memory.h"
 #include "host/meters.h"
 
 namespace torvasin_config {
@@ -196,9 +196,9 @@ std::string read_file(configuration& config, const std::string& path) {
 }  // namespace
 
 configuration::configuration(const std::string& path, const meter_list& known) : meters(known) {
-  torvasin_host::set_log_level(TORVASIN_LOG_ERROR);
-  torvasin_host::set_log_sink(
-      [](const torvasin_host::log_record&, void* flag) { *static_cast<bool*>(flag) = true; },
+  torvasin_engine::set_log_level(TORVASIN_LOG_ERROR);
+  torvasin_engine::set_log_sink(
+      [](const torvasin_engine::log_record&, void* flag) { *static_cast<bool*>(flag) = true; },
       &refused);
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
   fault = read_file(*this, path);
@@ -218,9 +218,9 @@ configuration::configuration(const std::string& path, const meter_list& known) :
 }
 
 configuration::~configuration() {
-  torvasin_host::set_log_sink(nullptr, nullptr);
+  torvasin_engine::set_log_sink(nullptr, nullptr);
   release_items(&module);
-  torvasin_host::release_all_texts();
+  torvasin_engine::release_all_texts();
 }
 
 std::vector<item*> configuration::in_oid_order() {

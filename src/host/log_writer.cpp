@@ -15,6 +15,9 @@
 #include "module/torvasin.h"
 
 namespace torvasin_host {
+
+using namespace torvasin_engine;
+
 namespace {
 
 constexpr std::size_t queue_lines = 4096;

@@ -27,9 +27,11 @@
 #include <string_view>
 #include <utility>
 
-#include "host/log.h"
+#include "engine/log.h"
 
 namespace torvasin_host {
+
+using torvasin_engine::log_record;
 
 class log_writer {
  public:

@@ -9,10 +9,10 @@
 #include <filesystem>
 #include <iostream>
 
-#include "host/log.h"
+#include "engine/log.h"
+#include "engine/memory.h"
+#include "engine/meter_engine.h"
 #include "host/log_writer.h"
-#include "host/memory.h"
-#include "host/meter_engine.h"
 #include "host/options.h"
 #include "host/plugin.h"
 #include "host/report.h"
@@ -20,6 +20,9 @@
 #include "module/torvasin.h"
 
 namespace torvasin_host {
+
+using namespace torvasin_engine;
+
 namespace {
 
 constexpr unsigned patience = 1;  // seconds

@@ -9,7 +9,7 @@
 #include <string>
 #include <variant>
 
-#include "host/key_value_list.h"
+#include "engine/key_value_list.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {

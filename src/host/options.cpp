@@ -5,10 +5,13 @@
 #include <cstdint>
 #include <iostream>
 
-#include "host/log.h"
+#include "engine/log.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
+
+using namespace torvasin_engine;
+
 namespace {
 
 constexpr unsigned longest_period_ms = 3'600'000;

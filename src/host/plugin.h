@@ -10,10 +10,12 @@
 #include <memory>
 #include <string>
 
-#include "host/meter_engine.h"
+#include "engine/meter_engine.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
+
+using torvasin_engine::meter_engine;
 
 // Not synchronised: all calls belong to one thread. Stops and unloads itself when it is destroyed,
 // before which the engine must not end.

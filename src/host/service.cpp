@@ -23,11 +23,14 @@
 #include <string>
 #include <thread>
 
-#include "host/key_value_list.h"
+#include "engine/key_value_list.h"
 #include "host/meters.h"
 #include "host/report.h"
 
 namespace torvasin_host {
+
+using namespace torvasin_engine;
+
 namespace {
 
 constexpr std::timespec count_interval = {1, 0};

@@ -3,8 +3,8 @@
 #ifndef TORVASIN_HOST_SERVICE_H
 #define TORVASIN_HOST_SERVICE_H
 
+#include "engine/meter_engine.h"
 #include "host/log_writer.h"
-#include "host/meter_engine.h"
 #include "host/options.h"
 #include "host/plugin.h"
 

@@ -1,4 +1,4 @@
-#include "host/meter_engine.h"
+#include "engine/meter_engine.h"
 
 #include <pthread.h>
 
@@ -7,7 +7,7 @@
 #include <new>
 #include <system_error>
 
-namespace torvasin_host {
+namespace torvasin_engine {
 
 void* meter_engine::add_callback(int speed, torvasin_meter_callback callback, void* user) {
   if ((speed != TORVASIN_SLOW && speed != TORVASIN_FAST) || callback == nullptr) return nullptr;
@@ -70,7 +70,7 @@ void meter_engine::publish_values(int speed, const meter_source& source) {
     source(speed, list);
     publish(speed, list);
   } catch (const std::exception& error) {
-    torvasin_log(TORVASIN_LOG_FAILURE, "src/host/meter_engine", __LINE__, 1,
+    torvasin_log(TORVASIN_LOG_FAILURE, "src/engine/meter_engine", __LINE__, 1,
                  "meters cannot be read: %s", error.what());
   }
 }
@@ -92,9 +92,9 @@ void meter_engine::run(const std::stop_token& stop, int speed, std::chrono::mill
   }
 }
 
-}  // namespace torvasin_host
+}  // namespace torvasin_engine
 
-using torvasin_host::meter_engine;
+using torvasin_engine::meter_engine;
 
 void* torvasin_engine_addCallbackMeterManager(void* engine, int speed,
                                               torvasin_meter_callback callback, void* user) {

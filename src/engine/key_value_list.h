@@ -8,8 +8,8 @@
 //
 // Not synchronised: any number of threads may read a list that nobody changes.
 
-#ifndef TORVASIN_HOST_KEY_VALUE_LIST_H
-#define TORVASIN_HOST_KEY_VALUE_LIST_H
+#ifndef TORVASIN_ENGINE_KEY_VALUE_LIST_H
+#define TORVASIN_ENGINE_KEY_VALUE_LIST_H
 
 #include <cstdint>
 #include <functional>
@@ -58,4 +58,4 @@ struct torvasin_key_value_list {
   std::map<std::string, entry, std::less<>> entries_;
 };
 
-#endif  // TORVASIN_HOST_KEY_VALUE_LIST_H
+#endif  // TORVASIN_ENGINE_KEY_VALUE_LIST_H

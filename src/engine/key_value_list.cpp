@@ -1,4 +1,4 @@
-#include "host/key_value_list.h"
+#include "engine/key_value_list.h"
 
 namespace {
 

@@ -13,13 +13,13 @@
 // A record copied by assignment shares the text of the original and does not own it. A null text is
 // kept as an empty one, and so is a text for which there is no memory.
 
-#ifndef TORVASIN_HOST_MEMORY_H
-#define TORVASIN_HOST_MEMORY_H
+#ifndef TORVASIN_ENGINE_MEMORY_H
+#define TORVASIN_ENGINE_MEMORY_H
 
 #include <cstddef>
 #include <cstdint>
 
-namespace torvasin_host {
+namespace torvasin_engine {
 
 struct memory_stats {
   std::size_t live_blocks;         // blocks allocated and neither freed nor taken as a text
@@ -32,6 +32,6 @@ memory_stats get_memory_stats();
 // Frees every text that a record still owns. No such record may be read afterwards.
 void release_all_texts();
 
-}  // namespace torvasin_host
+}  // namespace torvasin_engine
 
-#endif  // TORVASIN_HOST_MEMORY_H
+#endif  // TORVASIN_ENGINE_MEMORY_H

@@ -2,13 +2,13 @@
 // whose level is too low is dropped at the price of one atomic load, any other is formatted on the
 // stack, cut to 4 KiB with "..." at its end, and handed to the sink. Without a sink it is dropped.
 
-#ifndef TORVASIN_HOST_LOG_H
-#define TORVASIN_HOST_LOG_H
+#ifndef TORVASIN_ENGINE_LOG_H
+#define TORVASIN_ENGINE_LOG_H
 
 #include <array>
 #include <string_view>
 
-namespace torvasin_host {
+namespace torvasin_engine {
 
 // Above every enum torvasin_log_level: as the lowest level, it silences the log.
 constexpr int log_off = 5;
@@ -34,6 +34,6 @@ void set_log_level(int level);
 // at first.
 void set_log_sink(log_sink sink, void* user);
 
-}  // namespace torvasin_host
+}  // namespace torvasin_engine
 
-#endif  // TORVASIN_HOST_LOG_H
+#endif  // TORVASIN_ENGINE_LOG_H

@@ -1,4 +1,4 @@
-#include "host/log.h"
+#include "engine/log.h"
 
 #include <algorithm>
 #include <atomic>
@@ -9,7 +9,7 @@
 
 #include "module/torvasin.h"
 
-namespace torvasin_host {
+namespace torvasin_engine {
 namespace {
 
 constexpr std::size_t text_size = 4096;
@@ -32,9 +32,9 @@ void set_log_sink(log_sink sink, void* user) {
   current_user = user;
 }
 
-}  // namespace torvasin_host
+}  // namespace torvasin_engine
 
-using namespace torvasin_host;
+using namespace torvasin_engine;
 
 void torvasin_log(int level, const char* source, int line, int /*flag*/, const char* format, ...) {
   if (level < lowest_level.load(std::memory_order_relaxed)) return;

@@ -1,4 +1,4 @@
-#include "host/memory.h"
+#include "engine/memory.h"
 
 #include <malloc.h>
 
@@ -12,7 +12,7 @@
 
 #include "module/torvasin.h"
 
-namespace torvasin_host {
+namespace torvasin_engine {
 namespace {
 
 using owned_text = std::unique_ptr<char, decltype([](char* text) { std::free(text); })>;
@@ -77,9 +77,9 @@ void release_all_texts() {
   texts.clear();
 }
 
-}  // namespace torvasin_host
+}  // namespace torvasin_engine
 
-using namespace torvasin_host;
+using namespace torvasin_engine;
 
 void* torvasin_malloc(std::size_t size) {
   return torvasin_realloc(nullptr, size);

@@ -3,8 +3,8 @@
 // torvasin_engine_addCallbackMeterManager and torvasin_engine_rmCallbackMeterManager of
 // module/torvasin.h.
 
-#ifndef TORVASIN_HOST_METER_ENGINE_H
-#define TORVASIN_HOST_METER_ENGINE_H
+#ifndef TORVASIN_ENGINE_METER_ENGINE_H
+#define TORVASIN_ENGINE_METER_ENGINE_H
 
 #include <chrono>
 #include <condition_variable>
@@ -16,10 +16,10 @@
 #include <thread>
 #include <vector>
 
-#include "host/key_value_list.h"
+#include "engine/key_value_list.h"
 #include "module/torvasin.h"
 
-namespace torvasin_host {
+namespace torvasin_engine {
 
 // Fills an empty list with the current values of a speed. Each meter thread calls a copy of its
 // own, always for the same speed. If it throws, the log says so and nothing is published this time.
@@ -73,6 +73,6 @@ class meter_engine {
   std::vector<std::jthread> threads_;  // the last member: they use the others
 };
 
-}  // namespace torvasin_host
+}  // namespace torvasin_engine
 
-#endif  // TORVASIN_HOST_METER_ENGINE_H
+#endif  // TORVASIN_ENGINE_METER_ENGINE_H
