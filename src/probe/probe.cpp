@@ -1,357 +1,507 @@
 // The probe: a module that serves nothing. A host loads it in place of the agent, with the same
-// configuration, to learn whether it keeps the contract of module/torvasin.h.
-//
-// It calls every host function in the ways that the contract allows, from the entries, callbacks
-// and threads that may call it, and checks each result and each call that it gets. A sentence of
-// the contract that the host breaks is one line, "probe: FAULT: what the contract says, what the
-// host did", on standard error and in the host's log. The stop says in one line how much was
-// checked. When a host function crashes or waits, the line names the call.
+// configuration, to learn whether it keeps the contract of module/torvasin.h. It calls the host
+// functions from the entries, callbacks and threads that may call them, and checks what comes. It
+// says at once which duty the host breaks, and lists all duties when no instance is left.
 
 #include <ini.h>
-#include <pthread.h>
-#include <stdio.h>
-#include <string.h>
+#include <stdlib.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <span>
+#include <map>
+#include <vector>
 
-#include "module/torvasin.h"
-#include "probe/fault.h"
-#include "probe/functions.h"
+#include "probe/duties.h"
 
 using namespace torvasin_probe;
 
 namespace {
 
-// ---- Instances ---------------------------------------------------------------------------------
+// The checks of host functions are for startCycle. They give back what they take.
+void check_log() {
+  for (int level = TORVASIN_LOG_TRACE; level <= TORVASIN_LOG_FAILURE; level++) {
+    for (int round = 0; round < 5; round++) log(level, "");
+    for (const size_t length : {500u, 3000u, 20'000u}) log(level, std::string(length, 'x').c_str());
+    log(level, "%s%n\n\x1b[0m\xff");
+  }
+}
 
-struct instance;
+bool is_filled(const void* block, int octet, size_t size) {
+  const step here("reading a block", duty_blocks);
+  const auto* octets = static_cast<const unsigned char*>(block);
+  return std::all_of(octets, octets + size, [=](unsigned char one) { return one == octet; });
+}
+
+// A block stays where it is if the host has no memory.
+void resize(void** block, int octet, size_t from, size_t to) {
+  void* resized = CALL(torvasin_realloc, *block, to);
+  const duty one = resized != nullptr ? duty_content : duty_refusal;
+  if (resized != nullptr) *block = resized;
+  EXPECT(one, is_filled(*block, octet, resized != nullptr ? std::min(from, to) : from),
+         "torvasin_realloc from %zu to %zu octets changed them", from, to);
+}
+
+void check_blocks() {
+  void* resized = CALL_OF(" of null", torvasin_realloc, nullptr, 24);
+  void* block = CALL(torvasin_malloc, 24);
+  if (resized != nullptr || block != nullptr)
+    EXPECT(duty_grows, resized != nullptr, "it gave null");
+  for (void* one : {resized, block}) CALL(torvasin_free, one);
+  constexpr std::array<size_t, 7> sizes = {1, 7, 24, 100, 4096, 5000, 200'000};
+  std::array<void*, sizes.size()> blocks;
+  for (size_t i = 0; i < sizes.size(); i++) {
+    blocks[i] = CALL(torvasin_malloc, sizes[i]);
+    if (blocks[i] != nullptr) memset(blocks[i], static_cast<int>(i + 1), sizes[i]);
+  }
+  for (size_t i = 0; i < sizes.size(); i++) {
+    if (blocks[i] == nullptr) continue;
+    const int octet = static_cast<int>(i + 1);
+    EXPECT(duty_aligned, reinterpret_cast<uintptr_t>(blocks[i]) % alignof(max_align_t) == 0,
+           "one of %zu octets is at %p", sizes[i], blocks[i]);
+    EXPECT(duty_blocks, is_filled(blocks[i], octet, sizes[i]), "%zu octets changed", sizes[i]);
+    for (const size_t to : {3 * sizes[i], (sizes[i] + 1) / 2}) {
+      resize(&blocks[i], octet, sizes[i], to);
+      memset(blocks[i], octet, std::min(sizes[i], to));
+    }
+  }
+  for (void* one : blocks) CALL(torvasin_free, one);
+  CALL_OF(" of null", torvasin_free, nullptr);
+}
+
+void expect_number(const torvasin_value& value, uint32_t type, uint32_t bits) {
+  EXPECT(duty_records, value.type == type && value.payload.uint32 == bits,
+         "%08x of type %u became %08x of type %u", bits, type, value.payload.uint32, value.type);
+}
+
+// An empty text tells nothing: the host may have no memory for another.
+void expect_text(const torvasin_value& value, const char* text, duty one) {
+  const step here("reading the text of a record", one);
+  const bool is_text = value.type == TORVASIN_TEXT && value.payload.text != nullptr;
+  if (is_text && value.payload.text[0] == '\0' && text[0] != '\0') return;
+  EXPECT(one, is_text && strcmp(value.payload.text, text) == 0,
+         "a record of type %u lacked its text of %zu octets", value.type, strlen(text));
+}
+
+// Sets a record to a text, which ends then. In a callback too.
+void set_text(torvasin_value* value, std::string text, duty copied) {
+  const std::string kept = text;
+  CALL(torvasin_valueInitS, value, text.c_str());
+  std::ranges::fill(text, '#');
+  expect_text(*value, kept.c_str(), copied);
+}
+
+void take_texts(torvasin_value* value) {
+  char borrowed[] = "a text of the module";
+  CALL_OF(" of a text that is not the host's", torvasin_valueInitTakeS, value, borrowed, 0);
+  expect_text(*value, "a text of the module", duty_records);
+  CALL(torvasin_valueInitUInt32, value, 0);
+  EXPECT(duty_borrowed, strcmp(borrowed, "a text of the module") == 0, "it did");
+  auto* owned = static_cast<char*>(CALL(torvasin_malloc, sizeof borrowed));
+  if (owned == nullptr) return;
+  memcpy(owned, borrowed, sizeof borrowed);
+  CALL(torvasin_valueInitTakeS, value, owned, 1);
+  expect_text(*value, borrowed, duty_records);
+}
+
+void check_values() {
+  constexpr std::array texts = {"one", "", "a text that is longer", "in place", "%s"};
+  auto* values =
+      static_cast<torvasin_value*>(CALL(torvasin_malloc, texts.size() * sizeof(torvasin_value)));
+  if (values == nullptr) return;
+  // The worst that memory can hold before its records are set is what looks like a text.
+  memset(values, 0xA5, texts.size() * sizeof *values);
+  for (size_t i = 0; i < texts.size(); i++) values[i].type = TORVASIN_TEXT;
+  CALL(torvasin_valueInitUInt32, &values[0], UINT32_MAX);
+  CALL(torvasin_valueInitInt32, &values[1], -5);
+  CALL(torvasin_valueInitFloat, &values[2], -1.5F);
+  take_texts(&values[3]);
+  expect_number(values[0], TORVASIN_UINT32, 0xFFFFFFFF);
+  expect_number(values[1], TORVASIN_INT32, 0xFFFFFFFB);
+  expect_number(values[2], TORVASIN_FLOAT, 0xBFC00000);
+  for (const size_t n : {64u, 1000u, 20'000u})
+    set_text(&values[4], std::string(n, 'x'), duty_copies);
+  for (size_t i = 0; i < texts.size(); i++) set_text(&values[i], texts[i], duty_copies);
+  for (const size_t count : {1000 * texts.size(), texts.size()}) {
+    void* moved = CALL(torvasin_realloc, values, count * sizeof *values);
+    if (moved != nullptr) values = static_cast<torvasin_value*>(moved);
+    // A text that may lie where one would that ended.
+    auto* other = static_cast<torvasin_value*>(CALL(torvasin_malloc, sizeof *values));
+    if (other != nullptr) set_text(other, "another", duty_copies);
+    CALL(torvasin_free, other);
+    for (size_t i = 0; i < texts.size(); i++) expect_text(values[i], texts[i], duty_moves);
+  }
+  CALL(torvasin_valueInitInt32, &values[0], 5);
+  expect_number(values[0], TORVASIN_INT32, 5);
+  CALL(torvasin_free, values);
+}
+
+// Asks for a key in each way. Returns the value, or null when the list does not have it.
+const torvasin_value* look_up(const torvasin_key_value_list* list, const char* key) {
+  const torvasin_value* value = nullptr;
+  const char* text = nullptr;
+  uint32_t number = 0;
+  const int got = CALL(torvasin_keyValueListGet, list, key, &value);
+  if (got == 0) EXPECT(duty_get, value != nullptr, "for '%.40s' it returned 0 alone", key);
+  const int got_text = CALL(torvasin_keyValueListGetS, list, key, &text);
+  const int got_number = CALL(torvasin_keyValueListGetIU, list, key, &number);
+  if (got != 0 && got_text != 0 && got_number != 0) return nullptr;
+  const step here("reading a value of a list", duty_unchanged);
+  const bool found = got == 0 && value != nullptr;
+  const bool is_text = found && value->type == TORVASIN_TEXT;
+  const bool is_number = found && value->type <= TORVASIN_INT32;
+  EXPECT(duty_get_text, (got_text == 0) == is_text, "for '%.40s', %s, it returned %d", key,
+         is_text ? "a text" : "no text", got_text);
+  EXPECT(duty_get_number, (got_number == 0) == is_number, "for '%.40s', %s, it returned %d", key,
+         is_number ? "an integer" : "no integer", got_number);
+  if (!found || (is_text && value->payload.text == nullptr)) return value;
+  const bool same_text = !is_text || got_text != 0 || strcmp(text, value->payload.text) == 0;
+  const bool same_number = !is_number || got_number != 0 || number == value->payload.uint32;
+  EXPECT(duty_get, same_text && same_number, "for '%.40s' two of them gave different values", key);
+  return value;
+}
+
+void expect_absent(const torvasin_key_value_list* list, const char* key) {
+  EXPECT(duty_keys, look_up(list, key) == nullptr, "it found '%.40s'", key);
+}
+
+void look_up_odd_keys(const torvasin_key_value_list* list) {
+  const torvasin_value* value;
+  CALL_OF(" with an empty key", torvasin_keyValueListGet, list, "", &value);
+  expect_absent(list, "probe.no such meter\xff");
+  for (const size_t length : {127u, 3000u}) expect_absent(list, std::string(length, 'x').c_str());
+}
 
 struct registration {
-  instance* owner;
+  struct instance* owner;
   int speed;
   void* handle;
-  std::atomic<bool> open;    // from before it is added until it is removed
-  std::atomic<int> running;  // calls in progress
-  std::atomic<int> called;   // calls
-  std::atomic<long> last;    // time of the last call
-  std::atomic<long> period;  // from the call before to the last one
+  torvasin_value* record;         // of one call, or null without memory
+  std::atomic<bool> record_used;  // calls may overlap
+  std::atomic<bool> open;         // from before it is added until it is removed
+  std::atomic<bool> outlived;     // another one of the engine was removed after the last call
+  std::atomic<int> running;       // calls in progress
+  std::atomic<int> called;        // calls
+  std::atomic<pthread_t> caller;  // the thread of the last one
+  std::atomic<long> last;         // its time
+  std::atomic<long> longest;      // time from one call to the next
 };
 
 struct item {
-  char meter[128];
+  std::string meter;
   int speed;
-  bool seen;  // in a list of its speed
+  std::atomic<bool> seen;  // in a list of its speed
 };
 
+// A start. It stays until the process ends, for calls that come too late.
 struct instance {
-  std::atomic<torvasin_plugin_context*> context;  // null when there is no instance
+  std::atomic<torvasin_plugin_context*> context;  // null when it is stopped
+  torvasin_plugin_context as_started;
   std::atomic<const char*> stage;
   std::atomic<bool> entered;
-  torvasin_plugin_context as_started;
   registration slow;
   registration fast;
-  registration twin;         // fast too: what a second instance would add
-  std::atomic<bool> adding;  // the twin, while a call of the fast one is in progress
-  pthread_t poller;
+  std::vector<std::thread> pollers;
   std::atomic<bool> polling;
-  std::array<item, 256> items;  // of the configuration
-  size_t item_count;
-  char section[64];                                  // of the item that is read
-  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // held by a callback, for the two below
-  torvasin_value* value;
+  std::map<std::string, item> items;  // of the configuration, by name
+  int files_read;
+  instance* next;
 };
-std::array<instance, 8> instances;
+std::atomic<instance*> instances;
+std::atomic<int> callbacks_running;
+std::atomic<bool> log_wanted;  // from another thread
 
-void check_context(const instance& self) {
-  const torvasin_plugin_context* now = self.context;
-  EXPECT(strncmp(now->name, self.as_started.name, sizeof now->name) == 0 &&
-             now->engine == self.as_started.engine && now->private_data == &self,
-         "the host changes no name, engine or private_data", "it did for '%.39s'",
-         self.as_started.name);
-}
-
-// ---- Meters ------------------------------------------------------------------------------------
-
-// inih's callback: notes the items of the file, not of files that it includes.
+// inih's callback. Files may include one another without an end: the agent reads no more than 256.
 int take_key(void* user, const char* section, const char* key, const char* value) {
   auto* self = static_cast<instance*>(user);
+  const bool include = strcmp(section, "General") == 0 && strcmp(key, "include") == 0;
+  const bool unread = include && ++self->files_read <= 256 && ini_parse(value, take_key, user) < 0;
+  if (unread) say(TORVASIN_LOG_WARNING, "cannot read '%s'", value);
   if (strncmp(section, "ITEM_", 5) != 0) return 1;
-  if (strcmp(section, self->section) != 0) {
-    if (self->item_count == self->items.size()) return 1;
-    snprintf(self->section, sizeof self->section, "%s", section);
-    self->items[self->item_count++] = {};
-  }
-  item& last = self->items[self->item_count - 1];
-  if (strcmp(key, "meter") == 0) snprintf(last.meter, sizeof last.meter, "%s", value);
-  if (strcmp(key, "metertype") == 0) last.speed = strcmp(value, "fast") == 0;
+  item& one = self->items[section];
+  if (strcmp(key, "meter") == 0) one.meter = value;
+  if (strcmp(key, "metertype") == 0) one.speed = strcmp(value, "fast") == 0;
   return 1;
-}
-
-// Takes the values of all items of a speed, as the agent does. Returns a sum that tells one state
-// of the list from another.
-uint64_t take_values(instance* self, const torvasin_key_value_list* list, int speed) {
-  uint64_t sum = 0;
-  const auto add = [&sum](uint64_t number) { sum = sum * 31 + number; };
-  for (item& one : std::span(self->items).first(self->item_count)) {
-    const torvasin_value* value = one.speed == speed ? look_up(list, one.meter) : nullptr;
-    if (value == nullptr) continue;
-    one.seen = true;
-    add(value->type);
-    if (value->type != TORVASIN_TEXT) {
-      add(value->payload.uint32);
-      continue;
-    }
-    CALL(torvasin_valueInitS, self->value, value->payload.text);
-    const step here("reading the text of a record");
-    for (const char* at = self->value->payload.text; *at != '\0'; at++) {
-      add(static_cast<unsigned char>(*at));
-    }
-  }
-  return sum;
-}
-
-void take_list(instance* self, const torvasin_key_value_list* list, int speed) {
-  check_context(*self);
-  pthread_mutex_lock(&self->lock);
-  expect_absent(list, "probe.no such meter");
-  const uint64_t sum = take_values(self, list, speed);
-  log_text(TORVASIN_LOG_TRACE, 100);
-  pause_ms(5);
-  EXPECT(sum == take_values(self, list, speed), "a list stays unchanged during the call",
-         "one changed");
-  pthread_mutex_unlock(&self->lock);
-}
-
-registration* registration_of(const void* user) {
-  for (instance& self : instances) {
-    for (registration* one : {&self.slow, &self.fast, &self.twin}) {
-      if (one == user && one->owner != nullptr) return one;
-    }
-  }
-  return nullptr;
-}
-
-template <int speed>
-int on_meters(const torvasin_key_value_list* list, void* user) {
-  registration* one = registration_of(user);
-  const bool ours = one != nullptr && one->speed == speed;
-  EXPECT(ours, "a callback gets the user that was registered with it", "one got %p", user);
-  if (!ours) return 0;
-  one->running++;
-  one->called++;
-  const long now = milliseconds();
-  one->period = now - one->last.exchange(now);
-  const auto adding = [one] { return one == &one->owner->fast && one->owner->adding; };
-  for (int ms = 0; ms < 1000 && adding(); ms++) pause_ms(1);
-  EXPECT(!adding(), "a registration does not wait for a callback", "one waited");
-  EXPECT(one->open, "no call begins after the removal", "one did");
-  EXPECT(list != nullptr, "the list of a callback is not null", "one was");
-  if (one->open && list != nullptr && one->owner->value != nullptr)
-    take_list(one->owner, list, speed);
-  one->running--;
-  return 0;
-}
-
-// Waits for a call in progress. There is none if the host calls on this thread.
-bool await_call(const registration& one) {
-  for (int ms = 0; ms < 1100 && one.running == 0; ms++) pause_ms(1);
-  return one.running > 0;
-}
-
-// False when the host refuses, which it may when another instance exists.
-bool add(instance* self, registration* one, int speed) {
-  one->owner = self;
-  one->speed = speed;
-  one->open = true;
-  const auto callback =
-      speed == TORVASIN_FAST ? on_meters<TORVASIN_FAST> : on_meters<TORVASIN_SLOW>;
-  void* engine = self->as_started.engine;
-  one->handle = CALL(torvasin_engine_addCallbackMeterManager, engine, speed, callback, one);
-  const auto exists = [](const instance& other) { return other.context != nullptr; };
-  const bool may_refuse = one == &self->twin || std::ranges::count_if(instances, exists) > 1;
-  EXPECT(one->handle != nullptr || may_refuse,
-         "an instance registers a callback for each speed, also anew",
-         "for speed %d the host refused", speed);
-  return one->handle != nullptr;
-}
-
-void remove(instance* self, registration* one) {
-  CALL(torvasin_engine_rmCallbackMeterManager, self->as_started.engine, one->handle);
-  one->open = false;
-  one->handle = nullptr;
-  EXPECT(one->running == 0, "a removal returns when no call of the callback runs", "one ran");
-}
-
-void remove_all(instance* self) {
-  for (registration* one : {&self->fast, &self->slow, &self->twin}) remove(self, one);
-}
-
-// The twin comes during a call of the fast registration, which comes anew after it.
-bool add_all(instance* self) {
-  const bool added = add(self, &self->slow, TORVASIN_SLOW) && add(self, &self->fast, TORVASIN_FAST);
-  if (!added) return false;
-  self->adding = true;
-  await_call(self->fast);
-  add(self, &self->twin, TORVASIN_FAST);
-  self->adding = false;
-  remove(self, &self->fast);
-  return add(self, &self->fast, TORVASIN_FAST);
-}
-
-// ---- Threads of the module ---------------------------------------------------------------------
-
-void* log_on(void* user) {
-  auto* self = static_cast<instance*>(user);
-  for (size_t round = 1; self->polling; round++) {
-    log_text(round == 128 ? TORVASIN_LOG_WARNING : TORVASIN_LOG_TRACE, round % 200);
-    if (round > 128) pause_ms(10);
-  }
-  return nullptr;
-}
-
-void* poll(void* user) {
-  std::array<pthread_t, 3> others;
-  for (pthread_t& other : others) pthread_create(&other, nullptr, log_on, user);
-  log_on(user);
-  for (const pthread_t other : others) pthread_join(other, nullptr);
-  return nullptr;
-}
-
-// ---- Entries -----------------------------------------------------------------------------------
-
-constexpr char stopped[] = "stopped";
-constexpr char started[] = "started";
-constexpr char running[] = "running";
-constexpr char ending[] = "ending";
-
-// Finds and checks the instance of an entry, which must be in one of two stages, and brings it into
-// the next. Null when the context is that of no instance.
-instance* enter(const char* entry, torvasin_plugin_context* context, const char* allowed,
-                const char* allowed_too, const char* next) {
-  instance* self = nullptr;
-  for (instance& one : instances) {
-    if (one.context == context) self = &one;
-  }
-  for (instance& one : instances) {
-    torvasin_plugin_context* none = nullptr;
-    if (self == nullptr && allowed == stopped &&
-        one.context.compare_exchange_strong(none, context)) {
-      self = &one;
-      self->stage = stopped;
-    }
-  }
-  EXPECT(self != nullptr, "startCycle comes first, every entry gets the context of startCycle",
-         "%s got one that is not started", entry);
-  if (self == nullptr) return nullptr;
-  const char* stage = self->stage.exchange(next);
-  EXPECT(stage == allowed || stage == allowed_too,
-         "the order is startCycle, startThread, preStopCycle, stopCycle",
-         "%s came when the instance was %s", entry, stage);
-  EXPECT(!self->entered.exchange(true), "the entries of an instance are called one at a time",
-         "%s came during another", entry);
-  if (stage != stopped) check_context(*self);
-  return self;
 }
 
 void read_list(instance* self, const torvasin_key_value_list* list) {
   const char* path = "snmpmanager.ini";
   if (list != nullptr) {
+    look_up_odd_keys(list);
     for (const char* key : {"conf_fil", "conf_file ", "CONF_FILE"}) expect_absent(list, key);
     for (const char* key : {"affinity", "renice"}) look_up(list, key);
     const torvasin_value* file = look_up(list, "conf_file");
-    if (file != nullptr && file->type == TORVASIN_TEXT) path = file->payload.text;
+    const bool is_text = file != nullptr && file->type == TORVASIN_TEXT;
+    if (is_text && file->payload.text != nullptr) path = file->payload.text;
   }
-  self->item_count = 0;
-  self->section[0] = '\0';
-  if (ini_parse(path, take_key, self) < 0) say(TORVASIN_LOG_WARNING, "cannot read '%s'", path);
+  take_key(self, "General", "include", path);
 }
 
-void end_instance(instance* self) {
-  CALL(torvasin_free, self->value);
-  end_watch();
-  torvasin_plugin_context* context = self->context;
-  context->private_data = nullptr;
-  self->entered = false;
-  self->context = nullptr;
+// Takes the values of all items of a speed, as the agent does. Returns a sum of them.
+size_t take_values(registration* from, const torvasin_key_value_list* list, bool set) {
+  size_t sum = 0;
+  for (auto& [name, one] : from->owner->items) {
+    if (one.speed != from->speed) continue;
+    const torvasin_value* value = look_up(list, one.meter.c_str());
+    if (value == nullptr) continue;
+    one.seen.store(true, relaxed);
+    const bool is_text = value->type == TORVASIN_TEXT;
+    sum = sum * 31 + value->type + (is_text ? 0 : value->payload.uint32);
+    if (!is_text) continue;
+    EXPECT(duty_texts, value->payload.text != nullptr, "the one of '%s' is", one.meter.c_str());
+    if (value->payload.text == nullptr) continue;
+    const step here("reading a value of a list", duty_unchanged);
+    sum = sum * 31 + std::hash<std::string_view>()(value->payload.text);
+    if (set) set_text(from->record, value->payload.text, duty_copies);
+  }
+  return sum;
 }
 
-int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_list* list) {
-  instance* self = enter("startCycle", context, stopped, stopped, started);
-  if (self == nullptr) return -1;
-  EXPECT(memchr(context->name, '\0', sizeof context->name) != nullptr, "a name ends with a zero",
-         "'%.40s' does not", context->name);
-  context->private_data = self;
-  self->as_started = *context;
-  begin_watch();
-  check_log();
-  check_blocks();
-  check_values();
-  read_list(self, list);
-  self->value = static_cast<torvasin_value*>(CALL(torvasin_malloc, sizeof(torvasin_value)));
-  if (!add_all(self)) {
-    remove_all(self);
-    end_instance(self);
-    return -1;
+// Takes some milliseconds, so that another thread makes calls at the same time.
+void take_list(registration* one, const torvasin_key_value_list* list) {
+  look_up_odd_keys(list);
+  log(TORVASIN_LOG_TRACE, "a line of a callback");
+  const bool set = one->record != nullptr && !one->record_used.exchange(true);
+  const size_t sum = take_values(one, list, set);
+  log_wanted.store(one->called <= 10, relaxed);
+  for (long ms = 0, begin = milliseconds(); ms < (log_wanted ? 20 : 5); usleep(100)) {
+    const std::string text = "text " + std::to_string(ms++ * 2 + one->speed);
+    if (set && callbacks_running.load(relaxed) > 1) set_text(one->record, text, duty_threads);
+    ms = milliseconds() - begin;
   }
-  self->entered = false;
+  EXPECT(duty_unchanged, sum == take_values(one, list, set), "a value changed");
+  if (set) one->record_used = false;
+}
+
+template <int speed>
+int on_meters(const torvasin_key_value_list* list, void* user) {
+  registration* one = nullptr;
+  for (instance* self = instances; self != nullptr; self = self->next) {
+    registration* own = speed == TORVASIN_FAST ? &self->fast : &self->slow;
+    if (own == user) one = own;
+  }
+  EXPECT(duty_user, one != nullptr, "a callback got %p", user);
+  if (one == nullptr) return 0;
+  const char* inside = this_thread().what;
+  const bool adding = inside != nullptr && !one->handle && strstr(inside, "_addCallback");
+  EXPECT(duty_calls, inside == nullptr || adding, "it called a callback");
+  EXPECT(duty_list, list != nullptr, "it was");
+  const step here(nullptr, duty_returns);
+  if (!one->open) EXPECT(duty_after, false, "one of '%.39s' did", one->owner->as_started.name);
+  if (!one->open || list == nullptr) return 0;
+  callbacks_running.fetch_add(1, relaxed);
+  one->running.fetch_add(1, relaxed);
+  const long now = milliseconds();
+  const long period = now - one->last.exchange(now, relaxed);
+  if (one->called++ > 0 && period > one->longest) one->longest.store(period, relaxed);
+  one->caller.store(pthread_self(), relaxed);
+  if (one->outlived.exchange(false, relaxed)) judge(duty_others, true);
+  take_list(one, list);
+  if (inside == nullptr) outlast_calls();
+  one->running.fetch_sub(1, relaxed);
+  callbacks_running.fetch_sub(1, relaxed);
   return 0;
 }
 
-void startThread(torvasin_plugin_context* context) {
-  instance* self = enter("startThread", context, started, started, running);
-  if (self == nullptr) return;
-  if (!self->polling.exchange(true)) pthread_create(&self->poller, nullptr, poll, self);
-  self->entered = false;
+// False when the host refuses, which it may when it has another instance.
+bool add(registration* one, int speed) {
+  one->speed = speed;
+  one->open = true;
+  one->handle =
+      CALL(torvasin_engine_addCallbackMeterManager, one->owner->as_started.engine, speed,
+           speed == TORVASIN_FAST ? on_meters<TORVASIN_FAST> : on_meters<TORVASIN_SLOW>, one);
+  const bool added = one->handle != nullptr;
+  one->open = added;
+  if (!added) say(TORVASIN_LOG_WARNING, "the host refuses a callback of speed %d", speed);
+  const bool anew = started_instances == 1 && one->owner->next != nullptr;
+  if (anew) EXPECT(duty_anew, added, "it was refused");
+  return added;
 }
 
-void end_poller(instance* self) {
-  if (self->polling.exchange(false)) pthread_join(self->poller, nullptr);
+// Calls during a callback, if one comes on another thread.
+void call_during_callback(long wait_ms, auto call) {
+  for (; wait_ms > 0 && callbacks_running == 0; wait_ms--) usleep(1000);
+  const bool any = callbacks_running > 0;
+  call();
+  if (any && callbacks_running > 0) judge(duty_lock, true);
+}
+
+bool add_all(instance* self) {
+  for (registration* one : {&self->slow, &self->fast}) {
+    one->record = static_cast<torvasin_value*>(CALL(torvasin_malloc, sizeof *one->record));
+  }
+  if (!add(&self->slow, TORVASIN_SLOW)) return false;
+  call_during_callback(200, [=] { add(&self->fast, TORVASIN_FAST); });
+  call_during_callback(200, check_blocks);
+  return self->fast.handle != nullptr;
+}
+
+// A call that is long overdue does not come any more. A second one tells the period.
+bool is_overdue(const registration& one) {
+  const long first_limit = one.speed == TORVASIN_FAST ? 10'000 : 60'000;
+  const long limit = one.called > 1 ? std::max(10 * one.longest, 3000L) : first_limit;
+  return one.called > 0 && milliseconds() - one.last > limit;
+}
+
+// With a null handle it removes nothing. All others of the engine have to be called again.
+void remove(registration* one, void* handle) {
+  void* engine = one->owner->as_started.engine;
+  const bool during = one->running > 0;
+  const char* what = handle != nullptr ? "in torvasin_engine_rmCallbackMeterManager"
+                                       : "in torvasin_engine_rmCallbackMeterManager of null";
+  step(what, duty_returns), torvasin_engine_rmCallbackMeterManager(engine, handle);
+  if (handle != nullptr) {
+    one->open = false;
+    if (during) EXPECT(duty_idle, one->running == 0, "one ran");
+    if (one->called > 0) judge(duty_after, true);
+  }
+  for (instance* self = instances; self != nullptr; self = self->next) {
+    for (registration* other : {&self->slow, &self->fast}) {
+      const bool stays = other->open && self->as_started.engine == engine && !is_overdue(*other);
+      if (stays) other->outlived = true;
+    }
+  }
+}
+
+// Removes the fast registration during a callback, if the host calls on other threads now.
+void remove_all(instance* self) {
+  registration* fast = &self->fast;
+  remove(fast, nullptr);
+  remove(&self->slow, self->slow.handle);
+  const bool calling = fast->called > 0 && fast->caller != pthread_self();
+  const long period = calling ? std::min(fast->longest + 50, 1100L) : 0;
+  call_during_callback(period, check_blocks);
+  for (long ms = period; ms > 0 && fast->running == 0; ms--) usleep(1000);
+  remove(fast, fast->handle);
+  usleep(static_cast<useconds_t>(1000 * period));  // for a call that should not come
+  for (registration* one : {&self->slow, fast}) CALL(torvasin_free, one->record);
+}
+
+void check_last_call(const registration& one, duty again) {
+  if (one.called > 1) judge(again, true);
+  if (!is_overdue(one)) return;
+  EXPECT(one.outlived ? duty_others : again, false, "after call %d of '%.39s' none came for %ld ms",
+         one.called.load(), one.owner->as_started.name, milliseconds() - one.last);
+}
+
+// ---- Entries -----------------------------------------------------------------------------------
+
+void log_on(void* user) {
+  auto* self = static_cast<instance*>(user);
+  for (int round = 0; self->polling; round++) {
+    const bool wanted = log_wanted.exchange(false, relaxed);
+    for (int level = 1; level <= (wanted ? 4 : 1); level++) log(level, "a line of a thread");
+    if (wanted && callbacks_running > 0) judge(duty_log_lock, true);
+    if (round > 128) usleep(3000);
+  }
+}
+
+void end_pollers(instance* self) {
+  self->polling = false;
+  for (std::thread& one : self->pollers) one.join();
+  self->pollers.clear();
+}
+
+// Finds and checks the instance of an entry, which must be in one of some stages, and brings it
+// into the next, if there is one. Null when the context is that of no instance.
+instance* enter(const char* entry, const torvasin_plugin_context* context, const char* allowed,
+                const char* next) {
+  EXPECT(duty_calls, this_thread().what == nullptr, "it called %s", entry);
+  instance* self = instances;
+  while (self != nullptr && self->context != context) self = self->next;
+  if (next == nullptr) return self;
+  EXPECT(duty_address, self != nullptr, "%s got one that is not started", entry);
+  if (self == nullptr) return nullptr;
+  const char* stage = self->stage.exchange(next);
+  EXPECT(duty_order, strstr(allowed, stage) != nullptr, "%s came when it was %s", entry, stage);
+  EXPECT(duty_single, !self->entered.exchange(true), "%s came during another", entry);
+  const torvasin_plugin_context& then = self->as_started;
+  const bool same = strncmp(context->name, then.name, sizeof then.name) == 0 &&
+                    context->engine == then.engine && context->private_data == self;
+  EXPECT(duty_context, same, "%s of '%.39s' got another", entry, then.name);
+  return self;
+}
+
+void end_instance(instance* self) {
+  self->context.exchange(nullptr)->private_data = nullptr;
+  if (started_instances == 1) report_duties();
+  started_instances--;
+}
+
+int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_list* list) {
+  if (instance* former = enter("startCycle", context, nullptr, nullptr)) {
+    EXPECT(duty_stopped, false, "startCycle came when it was %s", former->stage.load());
+    end_pollers(former);
+    end_instance(former);
+  }
+  auto* self = new instance{};
+  context->private_data = self;
+  self->as_started = *context;
+  self->stage = "started";
+  self->entered = true;
+  self->context = context;
+  self->slow.owner = self->fast.owner = self;
+  const bool first = started_instances++ == 0 && instances == nullptr;
+  self->next = instances;
+  while (!instances.compare_exchange_weak(self->next, self)) continue;
+  const bool ends = memchr(context->name, '\0', sizeof context->name) != nullptr;
+  EXPECT(duty_name, ends, "'%.40s' does not", context->name);
+  if (first) begin_watch(), check_log();
+  check_blocks();
+  check_values();
+  read_list(self, list);
+  const bool added = add_all(self);
+  if (!added) remove_all(self), end_instance(self);
+  self->entered = false;
+  return added ? 0 : -1;
+}
+
+void startThread(torvasin_plugin_context* context) {
+  instance* self = enter("startThread", context, "started", "running");
+  if (self == nullptr) return;
+  self->polling = true;
+  while (self->pollers.size() < 4) self->pollers.push_back(start_thread(log_on, self));
+  self->entered = false;
 }
 
 void preStopCycle(torvasin_plugin_context* context) {
-  instance* self = enter("preStopCycle", context, started, running, ending);
+  instance* self = enter("preStopCycle", context, "started, running", "ending");
   if (self == nullptr) return;
-  end_poller(self);
+  check_last_call(self->slow, duty_slow);
+  check_last_call(self->fast, duty_fast);
+  end_pollers(self);
   self->entered = false;
 }
 
-void report(const instance& self) {
-  int wanted = 0;
-  int seen = 0;
-  for (const item& one : std::span(self.items).first(self.item_count)) {
-    if (one.meter[0] == '\0') continue;
+void stopCycle(torvasin_plugin_context* context, int32_t) {
+  instance* self = enter("stopCycle", context, "ending", "ending");
+  if (self == nullptr) return;
+  end_pollers(self);
+  remove_all(self);
+  int seen = 0, wanted = 0;
+  for (const auto& [name, one] : self->items) {
+    if (one.meter.empty()) continue;
     wanted++;
     seen += one.seen ? 1 : 0;
-    if (!one.seen) say(TORVASIN_LOG_WARNING, "no list of its speed had '%s'", one.meter);
+    if (!one.seen) say(TORVASIN_LOG_WARNING, "no list of its speed had '%s'", one.meter.c_str());
   }
-  say(TORVASIN_LOG_WARNING, "%u checks, %u faults; %d fast and %d slow lists with %d of %d meters",
-      checks.load(), faults.load(), self.fast.called.load(), self.slow.called.load(), seen, wanted);
-}
-
-void stopCycle(torvasin_plugin_context* context, int32_t) {
-  instance* self = enter("stopCycle", context, ending, ending, stopped);
-  if (self == nullptr) return;
-  end_poller(self);
-  EXPECT(self->twin.handle == nullptr || self->fast.called < 3 || self->twin.called > 0,
-         "each registration is called", "one of two with the same callback was not");
-  // The best time for the removal is during a call. The next one would come a period later.
-  const bool called = self->fast.called > 0 && await_call(self->fast);
-  remove_all(self);
-  if (called) pause_ms(std::min(self->fast.period + 50, 1500L));
-  report(*self);
+  say(TORVASIN_LOG_WARNING, "%.39s: %d fast and %d slow lists with %d of %d meters", context->name,
+      self->fast.called.load(), self->slow.called.load(), seen, wanted);
+  judge(duty_stopped, true);
   end_instance(self);
+  self->entered = false;
 }
 
-// The library stays loaded until the process ends, for the threads of an instance that the host
-// forgot.
+// The library stays loaded until the process ends. This runs after the host's exit handlers.
 [[gnu::destructor]] void end() {
-  for (const instance& one : instances) {
-    if (one.context == nullptr) continue;
-    say(0, "FAULT: every instance is stopped, '%.39s' was not", one.as_started.name);
+  started_instances = 0;  // no log any more
+  for (instance* one = instances; one != nullptr; one = one->next) {
+    one->polling = false;
+    if (one->context == nullptr) continue;
+    EXPECT(duty_stopped, false, "at the end '%.39s' was %s", one->as_started.name,
+           one->stage.load());
   }
+  const char* wanted = getenv("TORVASIN_PROBE_EXIT");
+  if (!report_duties() || wanted == nullptr || strcmp(wanted, "1") != 0) return;
+  fflush(nullptr);
+  _exit(1);
 }
 
 }  // namespace
