@@ -1,8 +1,9 @@
 // A host with a thread for each speed, written from torvasin.h, for the probe to try. -DKIND=... makes it one of those
-// that the contract allows, or one with a fault. Usage: threaded_host PROBE CONFIGURATION.
+// that the contract allows, or one with a fault. Usage: HOST PROBE CONFIGURATION.
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <search.h>
 #include <stdarg.h>
@@ -21,10 +22,6 @@ enum {
   removes_nothing, place_lost, removal_calls, removal_of_null, long_name, private_data_null, two_at_once, no_stop
 };
 // clang-format on
-#ifndef KIND
-#define KIND plain
-#endif
-
 // Of the two speeds. Held during the callbacks; of the host functions only the removal may take them.
 static pthread_mutex_t publishing[] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
 static void wait_for_callbacks(void) {
@@ -45,36 +42,32 @@ void torvasin_log(int level, const char* source, int line, int flag, const char*
   if (KIND == slow_log && ++lines % 40 == 0) sleep(1);  // the machine is busy with something else
   dprintf(STDERR_FILENO, "log %d %d %s:%d %s\n", level, flag, source, line, text);
 }
-
-enum { front = KIND == misaligned ? 8 : 16 };
+enum { shift = KIND == misaligned ? 8 : 0 };
 static _Atomic size_t in_use;
-static size_t* size_of(void* memory) { return (size_t*)((char*)memory - sizeof(size_t)); }
+static size_t size_of(char* memory) { return memory != NULL ? malloc_usable_size(memory - shift) - shift : 0; }
 void torvasin_free(void* memory) {
-  in_use -= memory != NULL ? *size_of(memory) : 0;
-  if (memory != NULL) free((char*)memory - front);
+  in_use -= size_of(memory);
+  if (memory != NULL) free((char*)memory - shift);
 }
 void* torvasin_malloc(size_t size) {
   static size_t shared[1000];
   if (KIND == one_block_for_two && (size == 4096 || size == 5000)) return &shared[10];
   if ((KIND == small_arena || KIND == refusal_spoils) && in_use + size > 20000) return NULL;
   if (KIND == malloc_takes_the_lock) wait_for_callbacks();
-  char* memory = malloc(size + front);
-  in_use += size;
-  *size_of(memory + front) = size;
-  return memory + front;
+  char* memory = malloc(size + shift);
+  if (memory != NULL) memory += shift;
+  in_use += size_of(memory);
+  return memory;
 }
-
 void* torvasin_realloc(void* memory, size_t size) {
   torvasin_value* moved = torvasin_malloc(size);
   if (KIND == refusal_spoils && moved == NULL && memory != NULL) memset(memory, 0, 1);
   if (moved == NULL || memory == NULL) return moved;
-  const size_t common = *size_of(memory) < size ? *size_of(memory) : size;
-  if (KIND != realloc_forgets) memcpy(moved, memory, common);
+  if (KIND != realloc_forgets) memcpy(moved, memory, size_of(memory) < size ? size_of(memory) : size);
   if (KIND == text_gets_lost && moved->type == TORVASIN_TEXT) moved->payload.text = "lost";
   torvasin_free(memory);
   return moved;
 }
-
 static int compare(const void* one, const void* other) { return strcmp(one, other); }
 // Keeps each distinct text once.
 static const char* keep(const char* text) {
@@ -106,7 +99,6 @@ struct torvasin_key_value_list {  // one of an array, which one without a key en
   const char* key;
   torvasin_value value;
 };
-
 int torvasin_keyValueListGet(const torvasin_key_value_list* list, const char* key, const torvasin_value** value) {
   char small[32];
   if (KIND == key_in_32) key = strcpy(small, key);
@@ -151,7 +143,6 @@ void* torvasin_engine_addCallbackMeterManager(void* engine, int speed, torvasin_
   pthread_mutex_unlock(&lock);
   return any ? place : NULL;
 }
-
 void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {
   struct registration* leaving = registration;
   if (KIND == removal_of_null) engine = *(void* volatile*)registration;
@@ -166,7 +157,6 @@ void torvasin_engine_rmCallbackMeterManager(void* engine, void* registration) {
   pthread_mutex_unlock(&lock);
   if (KIND != no_wait) wait_for_callbacks();
 }
-
 static _Atomic int over, fast_calls;
 static void* publish(void* of) {
   const int speed = of == &publishing[TORVASIN_FAST];
@@ -188,7 +178,6 @@ static void* publish(void* of) {
   }
   return NULL;
 }
-
 static const torvasin_plugin_entry* entry;
 static int start(torvasin_plugin_context* context, char* path) {
   const torvasin_key_value_list settings[] = {{"conf_file", {TORVASIN_TEXT, {.text = path}}}, {.key = NULL}};
@@ -197,7 +186,6 @@ static int start(torvasin_plugin_context* context, char* path) {
   entry->startThread(context);
   return 1;
 }
-
 static void* end(void* context) { return usleep(20000), entry->preStopCycle(context), NULL; }
 static void stop(torvasin_plugin_context* context) {
   pthread_t other;

@@ -18,9 +18,12 @@
 #include <unistd.h>
 
 // Writes a line if standard error takes it at once, and drops it if not: a log must not wait. A
-// pipe that is ready has room for PIPE_BUF octets; the lock keeps them for one thread.
+// pipe that is ready has room for PIPE_BUF octets; the lock keeps them for one thread. Junk that
+// somebody sends must not fill a disk: 20 lines in 10 seconds are written, the others counted.
 void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...) {
   static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  static struct timespec begin;
+  static unsigned lines;
   (void)flag;
   if (level < TORVASIN_LOG_WARNING) return;
   char text[1024];
@@ -32,7 +35,15 @@ void torvasin_log(int level, const char* source, int line, int flag, const char*
   pthread_mutex_lock(&lock);
   struct pollfd output = {.fd = STDERR_FILENO, .events = POLLOUT};
   poll(&output, 1, 0);
-  if (output.revents == POLLOUT) dprintf(output.fd, "%d %s:%d %s\n", level, source, line, text);
+  if (output.revents == POLLOUT) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (now.tv_sec - begin.tv_sec >= 10) {
+      if (lines > 20) dprintf(output.fd, "%u lines left out\n", lines - 20);
+      begin = now, lines = 0;
+    }
+    if (++lines <= 20) dprintf(output.fd, "%d %s:%d %s\n", level, source, line, text);
+  }
   pthread_mutex_unlock(&lock);
 }
 
@@ -126,7 +137,7 @@ int main(int argc, char** argv) {
   const torvasin_plugin_entry* entry = library != NULL ? dlsym(library, "plugin_entry_0_6") : NULL;
   if (entry == NULL) return fprintf(stderr, "%s\n", dlerror()), 1;
 
-  sigset_t signals;  // blocked before there is a second thread, and taken by sigtimedwait alone
+  sigset_t signals;  // blocked, for sigtimedwait takes them
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
