@@ -22,8 +22,7 @@ choose_port
 printf '[General]\nport = %d\n[ITEM_fast]\noid = 1.3.1.0\nmeter = host.seconds\nmetertype = fast\ntype = uint
 [ITEM_slow]\noid = 1.3.2.0\nmeter = host.program\ntype = string\n[ITEM_none]\noid = 1.3.3.0\ntype = string:kept\n' \
   "$port" >agent.ini
-printf '%s\n' '[General]' 'include = agent.ini' >many.ini
-printf '[ITEM_%d]\nmeter = host.seconds\nmetertype = fast\n' {1..300} >>many.ini
+printf '[General]\ninclude = agent.ini\n%s' "$(printf '[ITEM_%d]\nmeter = host.seconds\nmetertype = fast\n' {1..300})" >many.ini
 [ $# -eq 4 ] || broken=(
   once:fast fifty_slow:slow log_takes_the_lock:log_lock malloc_takes_the_lock:lock removes_callback:others no_wait:idle
   log_takes_50_ms:waits misaligned:aligned one_block_for_two:blocks realloc_forgets:content refusal_spoils:refusal

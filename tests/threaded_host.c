@@ -8,11 +8,9 @@
 #include <search.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <torvasin.h>
 #include <unistd.h>
-
 // clang-format off: a table; the first line has correct ones
 enum {
   plain, nine_instances, small_arena, own_engines, slow_log,
@@ -28,7 +26,6 @@ static void wait_for_callbacks(void) {
   for (pthread_mutex_t* one = publishing; one < publishing + 2; one++)
     pthread_mutex_lock(one), pthread_mutex_unlock(one);
 }
-
 void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...) {
   static _Atomic int lines;
   char text[300];
@@ -76,8 +73,7 @@ static const char* keep(const char* text) {
   static char buffer[30000];
   char small[64];
   if (KIND == text_in_64) text = strcpy(small, text);
-  if (KIND == shared_buffer) text = strcpy(buffer, text);
-  if (KIND == shared_buffer) usleep(1);
+  if (KIND == shared_buffer) text = strcpy(buffer, text), usleep(1);
   pthread_mutex_lock(&lock);
   char** found = tfind(text, &kept, compare);
   if (found == NULL) found = tsearch(strdup(text), &kept, compare);
@@ -94,7 +90,6 @@ void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
   if (KIND == borrowed_is_written) *text = '*';
   if (owned != 0) torvasin_free(text);
 }
-
 struct torvasin_key_value_list {  // one of an array, which one without a key ends
   const char* key;
   torvasin_value value;
@@ -102,7 +97,7 @@ struct torvasin_key_value_list {  // one of an array, which one without a key en
 int torvasin_keyValueListGet(const torvasin_key_value_list* list, const char* key, const torvasin_value** value) {
   char small[32];
   if (KIND == key_in_32) key = strcpy(small, key);
-  if (KIND == empty_key && *key == '\0') abort();
+  if (KIND == empty_key && *key == '\0') key = NULL;
   while (list->key != NULL && (KIND == any_case ? strcasecmp : strcmp)(list->key, key) != 0) list++;
   if (list->key == NULL) return -1;
   *value = &list->value;
@@ -122,7 +117,6 @@ int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* 
   *number = value->payload.uint32;
   return 0;
 }
-
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static struct registration {
   void* engine;  // null where there is none
@@ -131,11 +125,11 @@ static struct registration {
   int speed;
 } places[KIND == place_lost ? 4 : 32];
 enum { place_count = sizeof places / sizeof *places };
-static char all_engines[9];
+static torvasin_plugin_context contexts[9];  // also the engines
 
 void* torvasin_engine_addCallbackMeterManager(void* engine, int speed, torvasin_meter_callback callback, void* user) {
   pthread_mutex_lock(&lock);
-  const long first = KIND == own_engines ? 2 * ((char*)engine - all_engines) + speed : 0;
+  const long first = KIND == own_engines ? 2 * ((torvasin_plugin_context*)engine - contexts) + speed : 0;
   struct registration* place = &places[first];  // of an engine of two places, the newer one replaces the older
   while (KIND != own_engines && place < &places[place_count] && place->engine != NULL) place++;
   const int any = place < &places[place_count];
@@ -183,8 +177,7 @@ static int start(torvasin_plugin_context* context, char* path) {
   const torvasin_key_value_list settings[] = {{"conf_file", {TORVASIN_TEXT, {.text = path}}}, {.key = NULL}};
   if (entry->startCycle(context, settings) != 0) return 0;
   if (KIND == private_data_null) context->private_data = NULL;
-  entry->startThread(context);
-  return 1;
+  return entry->startThread(context), 1;
 }
 static void* end(void* context) { return usleep(20000), entry->preStopCycle(context), NULL; }
 static void stop(torvasin_plugin_context* context) {
@@ -196,15 +189,13 @@ static void stop(torvasin_plugin_context* context) {
 }
 
 int main(int argc, char** argv) {
-  static torvasin_plugin_context contexts[9];
   const int count = KIND == nine_instances ? 9 : KIND == own_engines ? 3 : 2;
-  void* library = argc == 3 ? dlopen(argv[1], RTLD_NOW) : NULL;
-  if (library == NULL || (entry = dlsym(library, "plugin_entry_0_6")) == NULL) return 2;
+  if (argc != 3 || (entry = dlsym(dlopen(argv[1], RTLD_NOW), "plugin_entry_0_6")) == NULL) return 2;
   pthread_t meters[2];
   for (int speed = 0; speed < 2; speed++) pthread_create(&meters[speed], NULL, publish, &publishing[speed]);
   for (int i = 0; i < count; i++) {
     memset(contexts[i].name, 'x', KIND == long_name ? sizeof contexts[i].name : 3);
-    contexts[i].engine = &all_engines[KIND == own_engines ? i : 0];
+    contexts[i].engine = &contexts[KIND == own_engines ? i : 0];
     start(&contexts[i], argv[2]);
   }
   usleep(KIND == once ? 10500000 : KIND == fifty_slow ? 6000000 : 300000);
@@ -214,5 +205,5 @@ int main(int argc, char** argv) {
   if (start(&contexts[0], argv[2])) stop(&contexts[0]);
   over = 1;
   for (int speed = 0; speed < 2; speed++) pthread_join(meters[speed], NULL);
-  return dlclose(library);
+  return 0;
 }
