@@ -7,7 +7,7 @@
 
 command -v prometheus-snmp-exporter >/dev/null || { echo 'no prometheus-snmp-exporter: scripts/test has it' && exit 1; }
 form=$1/examples/snmp.yml
-[ "$(prometheus-snmp-exporter --version 2>&1 | sed -n 's/.*version 0\.\([0-9]*\).*/\1/p')" -ge 23 ] || form=$1/examples/snmp-0.21.yml
+[ "$(prometheus-snmp-exporter --version 2>&1 | sed -n 's/.*version 0\.\([0-9]*\).*/\1/p')" -ge 25 ] || form=$1/examples/snmp-0.21.yml
 choose_port
 printf '[General]\ninclude = %s\nport = %d\n' "$2" "$port" >agent.ini
 start_server log "$1/bin/torvasin_host" --conf-file agent.ini

@@ -1,6 +1,7 @@
 // What is odd about items, each by itself and among the others, and what they serve.
 
 #include <algorithm>
+#include <iostream>
 #include <span>
 
 #include "config/config.h"
@@ -12,28 +13,25 @@ using std::string_view;
 
 constexpr std::size_t neighbours = 10;  // what clients ask for at once unless they are told
 
-template <typename... types>
-void say(findings& found, const item& item, place at, severity kind,
-         fmt::format_string<types...> format, types&&... values) {
-  found.add(at, kind, "item {}: {}", in_quotes(item.binding->name),
-            fmt::format(format, std::forward<types>(values)...));
+reporter about(findings& found, item& item, item_key key = item_key::unknown) {
+  const bool is_named = key != item_key::unknown;
+  const string_view name = is_named ? item_key_names[static_cast<std::size_t>(key)] : "";
+  return {found, item.at(key), label_of(item.section, name)};
 }
 
 void check_item(findings& found, item& item) {
   if (item.binding->type == ITEM_STRING && !item.formula.empty()) {
     item.formula.clear();
-    say(found, item, item.at(item_key::computeformula), warning,
-        "a string has no formula: leave it out");
+    about(found, item, item_key::computeformula).warning("a string takes no formula");
   }
   if (item.oid().count == 0) {
-    say(found, item, item.section, error, "it has no OID, and the agent does not start: add one");
+    about(found, item).error("no oid: the agent does not start");
   } else if (!can_be_named(item.oid())) {
-    say(found, item, item.at(item_key::oid), warning,
-        "no request can name this OID: write two numbers or more, the second below 40");
+    about(found, item, item_key::oid)
+        .warning("no request can name {}: the second number of two or more is below 40",
+                 dotted(item.oid()));
   }
-  if (!item.typed()) {
-    say(found, item, item.section, warning, "it has no type and answers NULL: add one");
-  }
+  if (!item.typed()) about(found, item).warning("no type: answers NULL");
 }
 
 // The question behind a name that is one letter off a meter's: added, left out, changed, or swapped
@@ -56,21 +54,20 @@ void check_meter(findings& found, item& item, const meter_list& meters) {
   const snmp_meter_binding& binding = *item.binding;
   if (binding.meter[0] == '\0' || !meters.known) return;
   if (item.meter == nullptr) {
-    return say(found, item, item.at(item_key::meter), warning, "this host has no meter {}{}",
-               in_quotes(binding.meter), did_you_mean(binding.meter, meters));
+    return about(found, item, item_key::meter)
+        .warning("this host has no {}{}", in_quotes(binding.meter),
+                 did_you_mean(binding.meter, meters));
   }
-  const std::string name = printable(item.meter->name);
-  const std::uint32_t type = item.meter->type;
-  if (binding.fast != item.meter->speed) {
-    say(found, item, item.at(item_key::metertype), warning,
-        "meter {0} is {1}: write metertype = {1}", name,
-        torvasin_host::speed_name(item.meter->speed));
+  const auto& [name, place, speed, type, counts, description] = *item.meter;
+  if (speed != any_speed && binding.fast != speed) {
+    about(found, item, item_key::metertype)
+        .warning("meter {} is {}", in_quotes(name), torvasin_host::speed_name(speed));
   }
   if (item.typed() && !item_takes(static_cast<snmp_item_type>(binding.type), type)) {
-    say(found, item, item.at(item_key::type), warning,
-        "its type takes no {}, which meter {} is: write type = {}",
-        torvasin_host::type_name(static_cast<torvasin_value_type>(type)), name,
-        words_of(type == TORVASIN_FLOAT ? ITEM_INT : type).name);
+    about(found, item, item_key::type)
+        .warning("{} takes no {}, which meter {} is: write {}", words_of(binding.type).name,
+                 torvasin_host::type_name(static_cast<torvasin_value_type>(type)), in_quotes(name),
+                 words_of(type == TORVASIN_FLOAT ? ITEM_INT : type).name);
   }
 }
 
@@ -79,9 +76,9 @@ void check_duplicates(findings& found, const std::vector<item*>& order) {
     item& item = *order[i];
     if (compare_oid(&item.oid(), &order[first]->oid()) != 0) first = i;
     if (first == i) continue;
-    say(found, item, item.at(item_key::oid), warning,
-        "OID {} is that of item {} at {}, which a GET answers: write another", dotted(item.oid()),
-        in_quotes(order[first]->binding->name), found.text(order[first]->at(item_key::oid)));
+    about(found, item, item_key::oid)
+        .warning("{} is the OID of {} at {}, which answers a GET", dotted(item.oid()),
+                 label_of(order[first]->section), found.text(order[first]->at(item_key::oid)));
   }
 }
 
@@ -96,47 +93,54 @@ bool fit_one_response(std::span<item* const> asked) {
   return encode_snmp_response(&request, &response, room, sizeof room, &message, &length) == 0;
 }
 
-void check_neighbours(findings& found, const std::vector<item*>& order) {
-  for (std::size_t i = 0; i < order.size(); ++i) {
-    const auto asked = std::span(order).subspan(i, std::min(neighbours, order.size() - i));
-    if (fit_one_response(asked)) continue;
-    return say(found, *order[i], order[i]->section, note,
-               "no response has room for it and its next {} neighbours: shorten the texts, or ask "
-               "for fewer at once",
-               asked.size() - 1);
-  }
-}
-
 }  // namespace
 
 void check_items(configuration& config) {
-  if (config.items.empty() && config.found.count(error) == 0) {
-    config.found.add({0, 0}, warning, "no items");
+  if (config.items.empty() && config.found.count(severity::error) == 0) {
+    reporter{config.found, {0, 0}, ""}.warning("no items");
   }
   for (item& each : config.items) {
     check_item(config.found, each);
     check_meter(config.found, each, config.meters);
   }
-  const std::vector<item*> order = config.in_oid_order();
-  check_duplicates(config.found, order);
-  check_neighbours(config.found, order);
+  check_duplicates(config.found, config.in_oid_order());
 }
 
-std::string serve(const snmp_item& item) {
+void print_notes(configuration& config) {
+  const std::vector<item*> order = config.in_oid_order();
+  const auto bare = [](const item* each) { return each->oid().subid[each->oid().count - 1] != 0; };
+  if (const auto first = std::ranges::find_if(order, bare); first != order.end()) {
+    std::cout << fmt::format("note: {} of {} OIDs do not end in .0 and have no type in a MIB: {}\n",
+                             std::ranges::count_if(order, bare), order.size(),
+                             label_of((*first)->section));
+  }
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    const auto asked = std::span(order).subspan(i, std::min(neighbours, order.size() - i));
+    if (fit_one_response(asked)) continue;
+    std::cout << fmt::format("note: no response has room for {} and its next {} neighbours\n",
+                             label_of(order[i]->section), asked.size() - 1);
+    break;
+  }
+}
+
+std::string serve(const item& item) {
+  const auto [oid, writer, context] = *item.served;
   std::size_t size = 0;
-  item.writer(nullptr, 0, &size, item.writer_ctx);
+  writer(nullptr, 0, &size, context);
   std::vector<std::uint8_t> octets(size);
-  if (item.writer(octets.data(), size, nullptr, item.writer_ctx) != 0) return "";
-  std::size_t at = 0;
-  std::size_t length = 0;
-  std::uint32_t tag = 0;
-  decode_len(octets.data(), size, &at, &tag, &length);
-  if (tag == BER_NULL) return "NULL";
-  if (tag == BER_OCTET_STRING)
-    return {octets.begin() + static_cast<std::ptrdiff_t>(at), octets.end()};
-  std::int64_t number = tag == BER_INTEGER && octets[at] > INT8_MAX ? -1 : 0;
-  for (; at < size; ++at) number = number * 256 + octets[at];
+  if (writer(octets.data(), size, nullptr, context) != 0) return "";
+  if (octets[0] == BER_NULL) return "NULL";
+  if (octets[0] == BER_OCTET_STRING) return item.binding->value.payload.text;
+  std::int64_t number = static_cast<std::int8_t>(octets[2]);
+  for (std::size_t at = 3; at < size; ++at) number = number * 256 + octets[at];
   return std::to_string(number);
+}
+
+const type_words& words_of(std::uint32_t type) {
+  static constexpr type_words table[] = {{ITEM_UINT, "uint", "Counter32", "gauge"},
+                                         {ITEM_INT, "int", "Integer32", "gauge"},
+                                         {ITEM_STRING, "string", "OCTET STRING", "DisplayString"}};
+  return *std::ranges::find(table, type, &type_words::type);
 }
 
 std::string dotted(const snmp_oid& oid) {

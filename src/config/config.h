@@ -9,7 +9,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <array>
 #include <compare>
 #include <ctime>
@@ -18,7 +17,6 @@
 #include <ostream>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "host/report.h"
@@ -33,7 +31,7 @@ std::string in_quotes(std::string_view text);  // in printable form, between apo
 
 // ---- Files and findings ------------------------------------------------------------------------
 
-enum severity { error, warning, note };
+enum class severity { error, warning };
 
 struct place {
   std::size_t file;  // index into findings::files
@@ -45,48 +43,70 @@ struct finding {
   place at;
   severity kind;
   std::string text;  // printable
+  bool operator==(const finding&) const = default;
 };
 
 struct findings {
-  std::vector<std::string> files;  // names, in the order of reading
-  std::vector<finding> all;        // in the order of their places
-  std::time_t changed = 0;         // the latest change of a file
+  std::vector<std::string> files;  // names, in the order of their first reading
+  std::vector<finding> all;
+  std::map<std::string, place> first;  // where a section or key is given first, by its label
+  std::time_t changed = 0;             // the latest change of a file
 
-  template <typename... types>
-  void add(place at, severity kind, fmt::format_string<types...> format, types&&... values) {
-    all.insert(std::ranges::upper_bound(all, at, {}, &finding::at),
-               {at, kind, fmt::format(format, std::forward<types>(values)...)});
-  }
+  // Orders them by place, and drops what the second reading of a file repeats. For the end.
+  void sort();
   std::size_t count(severity kind) const;
   std::string counted(severity kind) const;  // "1 error", "2 errors"
   std::string text(place at) const;          // "FILE:LINE", or "FILE"
   void print(std::ostream& out) const;
 };
 
+// "[SECTION] KEY", or "[SECTION]" for an empty key; printable.
+std::string label_of(std::string_view section, std::string_view key = "");
+
+// Adds findings at a place that begin with a label, unless it is empty.
+struct reporter {
+  findings& found;
+  place at;
+  std::string label;
+
+  void add(severity kind, const std::string& text) const;
+  template <typename... types>
+  void error(fmt::format_string<types...> format, types&&... values) const {
+    add(severity::error, fmt::format(format, std::forward<types>(values)...));
+  }
+  template <typename... types>
+  void warning(fmt::format_string<types...> format, types&&... values) const {
+    add(severity::warning, fmt::format(format, std::forward<types>(values)...));
+  }
+  void warn_if_repeated() const;  // if its label was given at another place before
+};
+
 // What inih makes of a line. The texts are valid during the call that hands them over.
 struct ini_line {
   place at;
-  place section_at;     // where the section begins here; at the first key if it has no line
-  const char* written;  // its name as it is written
-  bool is_first;        // of its keys here
-  const char* section;  // its name, cut where inih cuts it; null where it begins
-  const char* key;      // null where the section begins
-  const char* value;    // the same
+  place section_at;          // where the section begins here; line 0 before the first section
+  std::string_view written;  // its name as it is written
+  const char* section;       // the same, cut where inih cuts it; null where it begins
+  const char* key;           // null where the section begins
+  const char* value;         // the same
+  bool continues;            // indented, so that the key is that of the line above
 };
 
 using ini_taker = std::function<void(const ini_line&)>;  // throws nothing
 
 // Reads a file, hands over each section and key, and adds findings about lines that are neither.
-// Needs a few hundred octets of memory, however long a file or a line is. Returns why the file
-// cannot be read, or an empty text.
+// Needs a few hundred octets of memory, however long a file or a line is. The first is to be a file
+// or a pipe; what it includes may be anything. Returns why it cannot be read, or an empty text.
 std::string read_ini(const std::string& path, findings& found, const ini_taker& take);
 
 // ---- Meters ------------------------------------------------------------------------------------
 
+constexpr std::uint32_t any_speed = UINT32_MAX;  // of a meter that is in both sets
+
 struct listed_meter {
   std::string name;
   place at;
-  std::uint32_t speed;   // enum torvasin_speed
+  std::uint32_t speed;   // enum torvasin_speed, or any_speed
   std::uint32_t type;    // enum torvasin_value_type
   std::uint32_t counts;  // 1 if it only grows, and starts again from 0 after its greatest number
   std::string description;
@@ -110,9 +130,10 @@ std::string read_meters(const std::string& path, findings& found, meter_list& li
 // ---- The configuration -------------------------------------------------------------------------
 
 struct item {
-  place section;                                        // where its section begins first
-  std::array<place, std::size(item_key_names)> places;  // the last of each key, else the section's
-  std::string formula;                                  // the one in force; empty for none
+  std::string section;
+  // The last place of each key. For one that is missing, and for `unknown`, the section's.
+  std::array<place, std::size(item_key_names) + 1> places;
+  std::string formula;  // the one in force; empty for none
 
   // What it came to in the module's tables, once all is read.
   const snmp_item* served;
@@ -124,23 +145,14 @@ struct item {
   const snmp_oid& oid() const { return served->oid; }
 };
 
-// What an enum snmp_item_type is called in a configuration, in a MIB and in an snmp.yml.
+// What a type of item is called in a configuration, in a MIB and in an snmp.yml.
 struct type_words {
+  std::uint32_t type;  // enum snmp_item_type
   const char* name;
   const char* syntax;
   const char* metric;
 };
-constexpr type_words words_of(std::uint32_t type) {
-  switch (static_cast<snmp_item_type>(type)) {
-    case ITEM_UINT:
-      return {"uint", "Counter32", "gauge"};
-    case ITEM_INT:
-      return {"int", "Integer32", "gauge"};
-    case ITEM_STRING:
-      return {"string", "OCTET STRING", "DisplayString"};
-  }
-  return {"", "", ""};
-}
+const type_words& words_of(std::uint32_t type);
 
 // Reads a file and those that it includes. Live meters give each item the value that they have now.
 // Only one may exist at a time: it takes the module's log.
@@ -155,8 +167,7 @@ struct configuration {
   const meter_list& meters;
   std::string fault;  // why the file cannot be read; empty if it was
   findings found;
-  std::vector<item> items;                // in the order of the module's tables
-  std::map<std::string, place> sections;  // where each gives its first key
+  std::vector<item> items;  // in the order of the module's tables
   snmp_module module{};
   torvasin_plugin_context context{"snmp", nullptr, {}, &module};
   bool refused = false;  // the module has not taken the latest line
@@ -165,7 +176,7 @@ struct configuration {
 void check_items(configuration& config);  // adds findings
 
 // What an item answers a request with, as text; empty when there is no encoding for it.
-std::string serve(const snmp_item& item);
+std::string serve(const item& item);
 
 std::string dotted(const snmp_oid& oid);
 
@@ -176,10 +187,15 @@ inline bool can_be_named(const snmp_oid& oid) {
 
 // ---- Output, to standard output. Throws std::runtime_error when there is no item for it. --------
 
+void print_notes(configuration& config);  // what is worth knowing and no mistake
+
 void print_mib(configuration& config, const std::string& module_name);
 
-// In the form that prometheus-snmp-exporter reads since 0.23, or in the one before.
-void print_prometheus(configuration& config, const std::string& module_name, bool old_form);
+// In the form of prometheus-snmp-exporter 0.`minor_version`.
+void print_prometheus(configuration& config, const std::string& module_name, int minor_version);
+
+// A configuration with an item for each meter, below an OID with room for three numbers more.
+void print_draft(const meter_list& meters, const snmp_oid& above);
 
 }  // namespace torvasin_config
 

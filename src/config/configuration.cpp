@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 
 #include "config/config.h"
 #include "engine/key_value_list.h"
@@ -17,56 +18,42 @@ namespace {
 
 using std::string_view;
 
+
 // ---- Values ------------------------------------------------------------------------------------
 
-// What is odd or wrong about a key line, to stand behind it; no text when nothing is.
-struct remark {
-  severity kind;
-  std::string text;
-};
-
-remark refused(string_view wanted) {
-  return {error, fmt::format(" is refused: {}", wanted)};
+// Whether there is room for a text, of which the module has taken all or as much as fits.
+bool check_length(const reporter& report, string_view text, string_view taken) {
+  if (text == taken) return true;
+  report.warning("too long: {} octets, limit {}", text.size(), taken.size());
+  return false;
 }
 
-template <std::size_t count>
-remark no_such_key(const string_view (&names)[count]) {
-  return {error, fmt::format(": there is no such key: write one of {}", fmt::join(names, ", "))};
-}
-
-remark about_cut(string_view value, string_view taken) {
-  if (value == taken) return {};
-  return {warning, " is cut to " + in_quotes(taken)};
-}
-
-remark about_address(string_view value, const char* taken) {
+void check_address(const reporter& report, const char* value, const char* taken) {
   const in_addr address = {inet_addr(taken)};
   in_addr plain{};
-  if (value != taken) return about_cut(value, taken);
-  if (address.s_addr == INADDR_NONE) return {warning, ": nobody can ask there: write four numbers"};
-  if (inet_pton(AF_INET, taken, &plain) == 1) return {};
-  return {warning, fmt::format(" is read as {}: write four plain numbers", inet_ntoa(address))};
+  if (!check_length(report, value, taken)) return;
+  if (address.s_addr == INADDR_NONE) return report.warning("{} is no address", in_quotes(taken));
+  if (inet_pton(AF_INET, taken, &plain) == 1) return;
+  report.warning("{} is read as {}", in_quotes(taken), inet_ntoa(address));
 }
 
-// The module reads the number that the value begins with, and keeps as much as it has bits for.
-remark about_number(const char* value, std::int64_t taken) {
+// The module reads the number that the text begins with, and keeps as much as it has bits for.
+void check_number(const reporter& report, const char* text, std::int64_t taken) {
   char* end = nullptr;
-  const std::int64_t number = std::strtoll(value, &end, 10);
-  if (*end != '\0') return {warning, fmt::format(" is read as {}: leave out what follows", taken)};
-  if (number != taken) return {warning, fmt::format(" is out of range and read as {}", taken)};
-  return {};
+  const std::int64_t number = std::strtoll(text, &end, 10);
+  if (*end != '\0') return report.warning("text behind the number, read as {}", taken);
+  if (number != taken) report.warning("out of range, read as {}", taken);
 }
 
-remark about_first_value(const char* value, const torvasin_value& taken) {
+void check_first_value(const reporter& report, const char* value, const torvasin_value& taken) {
   const char* colon = std::strchr(value, ':');
-  if (colon == nullptr || taken.type == TORVASIN_TEXT) return {};
-  const bool is_signed = taken.type == TORVASIN_INT32;
-  return about_number(colon + 1,
-                      is_signed ? taken.payload.int32 : std::int64_t{taken.payload.uint32});
+  if (colon == nullptr || taken.type == TORVASIN_TEXT) return;
+  const bool is_int = taken.type == TORVASIN_INT32;
+  check_number(report, colon + 1, is_int ? taken.payload.int32 : int64_t{taken.payload.uint32});
 }
 
 // A comma stands between arguments when no operator can stand in its place.
-remark about_commas(std::string formula, const te_variable* variable) {
+void check_commas(const reporter& report, std::string formula, const te_variable* variable) {
   for (char& letter : formula) {
     if (letter != ',') continue;
     letter = '+';
@@ -74,9 +61,15 @@ remark about_commas(std::string formula, const te_variable* variable) {
     letter = ',';
     te_free(sum);
     if (sum == nullptr) continue;
-    return {warning, ": what stands before the comma is lost; write a fraction with a point"};
+    return report.warning("what stands before the comma is lost; a fraction has a point");
   }
-  return {};
+}
+
+// The text of a string may well have a #, but hardly one between blanks.
+bool seems_to_have_comment(const std::string& value) {
+  static const std::regex mark(R"((^|\s)#)");
+  static const std::regex mark_between_blanks(R"((^|\s)#(\s|$))");
+  return std::regex_search(value, value.starts_with("string:") ? mark_between_blanks : mark);
 }
 
 // ---- Keys --------------------------------------------------------------------------------------
@@ -88,106 +81,106 @@ void apply(configuration& config, const ini_line& line) {
   ini_handler_cb(&config.context, line.section, line.key, line.value);
 }
 
-remark take_general_key(configuration& config, const ini_line& line) {
+void take_general_key(configuration& config, const ini_line& line, const reporter& report) {
   const auto key = find_key<general_key>(general_key_names, line.key);
   if (key == general_key::include) {
     const std::string fault = read_file(config, line.value);
-    if (fault.empty()) return {};
     const bool is_elsewhere = line.value[0] != '/' && access(line.value, F_OK) != 0;
-    return refused(fault + (is_elsewhere ? ", seen from the working directory" : ""));
+    if (fault.empty()) return;
+    return report.error("{}{}", fault, is_elsewhere ? ", seen from the working directory" : "");
   }
+  if (!line.continues) report.warn_if_repeated();
   apply(config, line);
   switch (key) {
     case general_key::ip:
-      return about_address(line.value, config.module.ip);
+      return check_address(report, line.value, config.module.ip);
     case general_key::port:
-      if (config.refused) return refused("write a number from 0 to 65535");
-      return about_number(line.value, config.module.port);
+      if (!config.refused) return check_number(report, line.value, config.module.port);
+      return report.error("{} is no number from 0 to 65535", in_quotes(line.value));
     case general_key::include:
     case general_key::unknown:
       break;
   }
-  return no_such_key(general_key_names);
+  report.error("unknown key: write one of {}", fmt::join(general_key_names, ", "));
 }
 
-remark take_item_key(configuration& config, const ini_line& line) {
-  snmp_module& module = config.module;
+void take_item_key(configuration& config, const ini_line& line, const reporter& report) {
   apply(config, line);
-  const std::int32_t i = get_or_create_item(&module, line.section + item_prefix.size());
-  if (i < 0) return refused("there is no memory for it");
-  if (config.items.size() < module.item_count) {
-    config.items.emplace_back().section = config.sections.at(line.section);
-    config.items.back().places.fill(config.items.back().section);
+  const std::int32_t i = get_or_create_item(&config.module, line.section + item_prefix.size());
+  if (i < 0) return report.error("no memory");
+  if (config.items.size() < config.module.item_count) {
+    config.items.emplace_back().section = line.section;
+    config.items.back().places.fill(config.found.first.at(label_of(line.section)));
   }
   item& item = config.items[static_cast<std::size_t>(i)];
+  const snmp_meter_binding& binding = config.module.bindings[i];
   const auto key = find_key<item_key>(item_key_names, line.key);
   if (key != item_key::unknown) item.at(key) = line.at;
+  if (!line.continues) report.warn_if_repeated();
   switch (key) {
     case item_key::meter:
-      return about_cut(line.value, module.bindings[i].meter);
+      check_length(report, line.value, binding.meter);
+      return;
     case item_key::metertype:
-      if (line.value == string_view("fast") || line.value == string_view("slow")) return {};
-      return {warning, " counts as slow: write fast or slow"};
+      if (line.value == string_view("fast") || line.value == string_view("slow")) return;
+      return report.warning("{} is neither fast nor slow, read as slow", in_quotes(line.value));
     case item_key::type:
-      if (!config.refused) return about_first_value(line.value, module.bindings[i].value);
-      return refused("write int, uint or string, or one with a first value, as in int:-5");
+      if (!config.refused) return check_first_value(report, line.value, binding.value);
+      return report.error("{} is no type: write int, uint, string or, with a first value, int:-5",
+                          in_quotes(line.value));
     case item_key::computeformula:
       item.formula = config.refused ? "" : line.value;
-      if (!config.refused) return about_commas(line.value, &module.formula_vars);
-      return refused("write it over 'value', as in value*100");
+      if (!config.refused) return check_commas(report, line.value, &config.module.formula_vars);
+      return report.error("{} is no formula over value, such as value*100", in_quotes(line.value));
     case item_key::oid:
-      if (!config.refused) return {};
-      return refused("write up to 19 numbers with dots between them, the first two as in 1.3");
+      if (!config.refused) return;
+      return report.error("{} is no OID of up to 19 numbers, such as 1.3.6.1.4.1.99999.1.0",
+                          in_quotes(line.value));
     case item_key::unknown:
       break;
   }
-  return no_such_key(item_key_names);
+  report.error("unknown key: write one of {}", fmt::join(item_key_names, ", "));
 }
 
 // ---- Sections and files ------------------------------------------------------------------------
 
-void take_key(configuration& config, const ini_line& line) {
-  findings& found = config.found;
+// Returns whether the keys of the line's section mean something.
+bool take_section(configuration& config, const ini_line& line) {
   const string_view name = line.section;
-  const std::string section = printable(name);
-  const bool general = name == general_section;
-  const bool known = general || (name.starts_with(item_prefix) && name != item_prefix);
-  if (line.is_first) {
-    if (name != line.written)
-      found.add(line.section_at, warning, "the name is cut to '{}'", section);
-    if (!known) {
-      found.add(line.section_at, error,
-                "the keys of [{}] are refused: write [General], or [ITEM_] with a name", section);
-    }
-    const auto [before, fresh] = config.sections.try_emplace(line.section, line.section_at);
-    // [General] may well be spread over files.
-    if (!fresh && !(general && before->second.file != line.at.file)) {
-      found.add(line.section_at, warning, "[{}] is at {} already: the keys below add to that one",
-                section, found.text(before->second));
-    }
+  if (line.section_at.line == 0) {
+    const reporter here = {config.found, line.at, ""};
+    here.error("{} stands before the first section", in_quotes(line.key));
+    return false;
   }
-  if (!known) return;
-  const auto label =
-      fmt::format("[{}] {} = {}", section, printable(line.key), printable(line.value));
-  const auto [kind, text] = general ? take_general_key(config, line) : take_item_key(config, line);
-  if (!text.empty()) found.add(line.at, kind, "{}{}", label, text);
-  if (line.value[0] == '#' || std::strstr(line.value, " #") != nullptr) {
-    found.add(line.at, warning, "{}: the # is part of the value; a comment begins with ;", label);
+  const reporter report = {config.found, line.section_at, label_of(name)};
+  config.found.first.try_emplace(report.label, line.section_at);
+  check_length(report, line.written, name);
+  if (name == general_section) return true;
+  if (name.starts_with(item_prefix) && name != item_prefix) return true;
+  report.error("unknown section: write [General], or [ITEM_] with a name");
+  return false;
+}
+
+void take_line(configuration& config, const ini_line& line) {
+  if (line.key == nullptr || !take_section(config, line)) return;
+  const reporter report = {config.found, line.at, label_of(line.section, line.key)};
+  (line.section == general_section ? take_general_key : take_item_key)(config, line, report);
+  if (seems_to_have_comment(line.value) && config.meters.find(line.value) == nullptr) {
+    report.warning("the # is part of the value; a comment begins with ;");
   }
 }
 
 // Returns as read_ini does.
 std::string read_file(configuration& config, const std::string& path) {
   snmp_module& module = config.module;
-  if (module.open_files == MAX_OPEN_FILES || module.files_read == MAX_FILES) {
-    return fmt::format("more than {} files inside one another or {} in all", MAX_OPEN_FILES,
-                       MAX_FILES);
+  if (module.open_files == MAX_OPEN_FILES) {
+    return fmt::format("more than {} files inside one another", MAX_OPEN_FILES);
   }
+  if (module.files_read == MAX_FILES) return fmt::format("more than {} files", MAX_FILES);
   module.files_read++;
   module.open_files++;
-  std::string fault = read_ini(path, config.found, [&](const ini_line& line) {
-    if (line.key != nullptr) take_key(config, line);
-  });
+  std::string fault =
+      read_ini(path, config.found, [&](const ini_line& line) { take_line(config, line); });
   module.open_files--;
   if (!fault.empty()) module.files_read--;  // which counts those that were opened
   return fault;
@@ -201,6 +194,8 @@ configuration::configuration(const std::string& path, const meter_list& known) :
       [](const torvasin_engine::log_record&, void* flag) { *static_cast<bool*>(flag) = true; },
       &refused);
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
+  module.port = 161;  // until the file gives another, like the address
+  string_view("127.0.0.1").copy(module.ip, sizeof module.ip);
   fault = read_file(*this, path);
   for (std::size_t i = 0; i < items.size(); ++i) {
     module.items[i].writer_ctx = &module.bindings[i];
@@ -215,6 +210,7 @@ configuration::configuration(const std::string& path, const meter_list& known) :
     refresh_items(&module, &list, speed);
   }
   if (fault.empty()) check_items(*this);
+  found.sort();
 }
 
 configuration::~configuration() {

@@ -7,99 +7,90 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <utility>
 
 #include "config/config.h"
 
 namespace torvasin_config {
 namespace {
 
-constexpr const char* severity_names[] = {"error", "warning", "note"};
+constexpr const char* severity_names[] = {"error", "warning"};
 constexpr char blanks[] = " \t\n\v\f\r";
+constexpr char blanks_and_mark[] = " \t\n\v\f\r\xEF\xBB\xBF";  // and the byte order mark
+constexpr std::size_t room = INI_MAX_LINE - 1;
 
-// One file, while inih reads it.
+// One file, while it is read.
 struct reading {
   std::FILE* file;
   findings& found;
   const ini_taker& take;
   place here;           // the latest line
-  std::string line;     // as much of it as inih has room for
   place section_at;     // line 0 before the first section
+  std::string line;     // as much of it as inih has room for
   std::string section;  // as it is written
-  bool line_end_due = false;
-  bool line_has_key = false;
-  bool section_has_key = false;  // so that an indented line continues it
-
-  bool read_line(std::size_t room);
-  void end_line();
+  std::string key;      // that an indented line continues; empty for none
+  bool skips_key = false;
+  bool has_key = false;
 };
 
 // Reads the next line. False at the end of what can be read.
-bool reading::read_line(std::size_t room) {
+bool read_line(reading& state) {
+  std::string& line = state.line;
   std::size_t length = 0;
-  bool cut = false;
-  ++here.line;
+  std::size_t content = 0;  // the length without blanks at the end
+  ++state.here.line;
   line.clear();
-  for (int octet = 0; octet != '\n' && (octet = std::getc(file)) != EOF; ++length) {
+  const reporter report = {state.found, state.here, ""};
+  for (int octet = 0; octet != '\n' && (octet = std::getc(state.file)) != EOF;) {
     if (octet == '\0') {
-      found.add(here, error, "an octet of 0: this is no text file, and not checked");
+      report.error("octet of 0: not a text file, the rest is not checked");
       return false;
     }
-    if (length < room) line += static_cast<char>(octet);
-    cut = cut || (length >= room && std::strchr(blanks, octet) == nullptr);
+    ++length;
+    if (length <= room) line += static_cast<char>(octet);
+    if (std::strchr(blanks, octet) == nullptr) content = length;
   }
-  if (cut) {
-    found.add(here, error, "of {} octets in this line {} are read: shorten it", length, room);
+  if (content > room) report.error("line too long: {} octets, limit {}", content, room);
+  if (line.find('\r') < std::min(content, line.size())) {
+    report.warning("carriage return within the line: end lines with a line feed");
   }
-  constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
-  if (here.line == 1 && line.starts_with(byte_order_mark)) line.erase(0, byte_order_mark.size());
-  return !line.empty();
-}
-
-// A line without a key is blank, a comment, a section or at fault.
-void reading::end_line() {
-  const std::size_t begin = line.find_first_not_of(blanks);
-  if (line_has_key || begin == std::string::npos || std::strchr(";#", line[begin])) return;
-  const std::string text = line.substr(begin, line.find_last_not_of(blanks) + 1 - begin);
-  const std::size_t bracket = text.find(']');
-  if (text[0] != '[' || bracket >= std::min(text.find(" ;"), text.size())) {
-    found.add(here, error, "{} is no [section], key = value or ; comment", in_quotes(text));
-  } else {
-    section = text.substr(1, bracket - 1);
-    section_at = here;
-    section_has_key = false;
-    take({here, here, section.c_str(), false, nullptr, nullptr, nullptr});
-  }
-}
-
-// inih's versions differ in what they make of a line that is longer than their room. They never see
-// one: what has no room is left out, and the end of such a line is handed over by itself.
-char* next_line(char* room, int size, void* user) noexcept {
-  auto& state = *static_cast<reading*>(user);
-  if (std::exchange(state.line_end_due, false)) {
-    room[std::string_view("\n").copy(room, 1)] = '\0';
-    return room;
-  }
-  state.end_line();
-  state.line_has_key = false;
-  if (!state.read_line(static_cast<std::size_t>(size) - 1)) return nullptr;
-  state.line_end_due = state.line.back() != '\n';
-  room[state.line.copy(room, state.line.size())] = '\0';
-  return room;
+  return length > 0;
 }
 
 int take_key(void* user, const char* section, const char* key, const char* value) noexcept {
   auto& state = *static_cast<reading*>(user);
-  const bool is_first = !std::exchange(state.section_has_key, true);
-  if (state.section_at.line == 0) state.section_at = state.here;
-  if (!is_first && std::strchr(blanks, state.line[0]) != nullptr) {
-    state.found.add(state.here, warning,
-                    "an indented line continues the one before: {} is taken for a value of {}; "
-                    "begin a key in the first column",
-                    in_quotes(value), in_quotes(key));
+  if (std::exchange(state.skips_key, false)) return 1;
+  const bool continues = !state.key.empty() && std::strchr(blanks, state.line[0]) != nullptr;
+  if (continues) {
+    const reporter report = {state.found, state.here, label_of(section, key)};
+    report.warning("indented, so {} is another value of this key", in_quotes(value));
   }
-  state.line_has_key = true;
-  state.take({state.here, state.section_at, state.section.c_str(), is_first, section, key, value});
+  state.has_key = true;
+  state.key = key;
+  state.take({state.here, state.section_at, state.section, section, key, value, continues});
   return 1;
+}
+
+// Hands over what inih makes of the latest line, behind the section and the key that it belongs to.
+// (Of a whole file, its versions differ in what they make of a line that they have no room for.)
+void take_line(reading& state) {
+  const std::string& line = state.line;
+  state.skips_key = state.here.line > 1;
+  state.has_key = false;
+  std::string text = state.skips_key ? fmt::format("[{}]\n{}=\n", state.section, state.key) : "";
+  const bool faulty = ini_parse_string((text + line).c_str(), take_key, &state) != 0;
+  const std::size_t begin = line.find_first_not_of(blanks_and_mark);
+  if (faulty) {
+    const reporter report = {state.found, state.here, ""};
+    text = line.substr(0, line.find_last_not_of(blanks) + 1);
+    report.error("no [section], key = value or ; comment: {}", in_quotes(text));
+  } else if (!state.has_key && begin != line.npos && line[begin] == '[') {
+    state.section = line.substr(begin + 1, line.find(']') - begin - 1);
+    state.section_at = state.here;
+    state.key.clear();
+    state.take({state.here, state.here, state.section, nullptr, nullptr, nullptr, false});
+  }
 }
 
 }  // namespace
@@ -108,12 +99,39 @@ std::string in_quotes(std::string_view text) {
   return "'" + printable(text) + "'";
 }
 
+std::string label_of(std::string_view section, std::string_view key) {
+  return fmt::format("[{}]{}{}", printable(section), key.empty() ? "" : " ", printable(key));
+}
+
+void reporter::add(severity kind, const std::string& text) const {
+  found.all.push_back({at, kind, label + (label.empty() ? "" : ": ") + text});
+}
+
+void reporter::warn_if_repeated() const {
+  const place before = found.first.try_emplace(label, at).first->second;
+  if (before != at) warning("given twice, first at {}", found.text(before));
+}
+
+void findings::sort() {
+  std::ranges::stable_sort(all, {}, &finding::at);
+  std::vector<finding> sorted;
+  std::size_t begin = 0;  // of those at the latest place
+  for (finding& each : all) {
+    if (begin < sorted.size() && sorted[begin].at != each.at) begin = sorted.size();
+    if (std::find(sorted.begin() + std::ptrdiff_t(begin), sorted.end(), each) == sorted.end()) {
+      sorted.push_back(std::move(each));
+    }
+  }
+  all = std::move(sorted);
+}
+
 std::size_t findings::count(severity kind) const {
   return static_cast<std::size_t>(std::ranges::count(all, kind, &finding::kind));
 }
 
 std::string findings::counted(severity kind) const {
-  return fmt::format("{} {}{}", count(kind), severity_names[kind], count(kind) == 1 ? "" : "s");
+  const char* name = severity_names[static_cast<int>(kind)];
+  return fmt::format("{} {}{}", count(kind), name, count(kind) == 1 ? "" : "s");
 }
 
 std::string findings::text(place at) const {
@@ -122,24 +140,32 @@ std::string findings::text(place at) const {
 
 void findings::print(std::ostream& out) const {
   for (const auto& [at, kind, words] : all) {
-    out << text(at) << ": " << severity_names[kind] << ": " << words << '\n';
+    out << text(at) << ": " << severity_names[static_cast<int>(kind)] << ": " << words << '\n';
   }
 }
 
 std::string read_ini(const std::string& path, findings& found, const ini_taker& take) {
-  const std::string fault = torvasin_host::file_fault(path);
-  std::FILE* file = fault.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
-  if (file == nullptr) return fault.empty() ? std::strerror(errno) : fault;
-  reading state = {file, found, take, {found.files.size(), 0}, {}, {}, {}};
-  found.files.push_back(path);
-  ini_parse_stream(next_line, &state, take_key, &state);
-  const bool failed = std::ferror(file) != 0;
+  const auto cannot_read = [&path](const std::string& reason) {
+    return "cannot read " + in_quotes(path) + ": " + reason;
+  };
+  const std::string unfit = found.files.empty() ? torvasin_host::file_fault(path) : "";
+  std::FILE* file = unfit.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
+  if (file == nullptr) return cannot_read(unfit.empty() ? std::strerror(errno) : unfit);
+  const auto known = std::ranges::find_if(found.files, [&path](const std::string& other) {
+    std::error_code error;
+    return std::filesystem::equivalent(path, other, error);
+  });
+  const place whole = {static_cast<std::size_t>(known - found.files.begin()), 0};
+  if (known == found.files.end()) found.files.push_back(path);
   struct stat status = {};
-  if (fstat(fileno(file), &status) == 0 && status.st_mtime > found.changed) {
-    found.changed = status.st_mtime;
-  }
+  fstat(fileno(file), &status);
+  if (S_ISREG(status.st_mode)) found.changed = std::max(found.changed, status.st_mtime);
+  int fault = S_ISDIR(status.st_mode) ? EISDIR : 0;
+  reading state = {file, found, take, whole, whole, {}, {}, {}};
+  while (fault == 0 && read_line(state)) take_line(state);
+  if (fault == 0 && std::ferror(file) != 0) fault = EIO;
   std::fclose(file);
-  return failed ? std::strerror(EIO) : "";
+  return fault == 0 ? "" : cannot_read(std::strerror(fault));
 }
 
 }  // namespace torvasin_config

@@ -1,11 +1,14 @@
-// torvasin_config: checks a configuration of the agent, and gives names to what it serves.
+// torvasin_config: checks a configuration of the agent, names what it serves, and drafts one.
+
+#include <arpa/inet.h>
 
 #include <CLI/CLI.hpp>
-#include <cctype>
+#include <climits>
 #include <cstdlib>
 #include <iostream>
 #include <new>
 #include <optional>
+#include <regex>
 
 #include "config/config.h"
 
@@ -15,8 +18,7 @@ namespace {
 enum exit_status { exit_good = 0, exit_fault = 1, exit_unusable = 2 };
 
 struct options {
-  std::string command;
-  std::string path;
+  std::vector<std::string> files;     // one, but for check
   std::optional<std::string> meters;  // a file; else those of torvasin_host
   bool no_meters = false;
   bool strict = false;
@@ -24,16 +26,35 @@ struct options {
   std::string mib = "TORVASIN-MIB";
   std::string module = "torvasin";
   std::string exporter = "0.28";
+  snmp_oid oid;
 };
 
-std::string cannot_read(const std::string& path, const std::string& fault) {
-  return "cannot read " + in_quotes(path) + ": " + fault;
-}
+struct unusable : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 exit_status fail(exit_status status, const std::string& message) {
   std::cerr << "torvasin_config: " << message << '\n';
   return status;
 }
+
+std::string errors_in(const std::string& path, const findings& found) {
+  return printable(path) + " has " + found.counted(severity::error);
+}
+
+// The meters that the options ask for. What is wrong with a file of them goes to `out`.
+meter_list meters_for(const options& given, std::ostream& out) {
+  if (!given.meters) return given.no_meters ? meter_list{} : own_meters();
+  meter_list meters;
+  findings found;
+  const std::string fault = read_meters(*given.meters, found, meters);
+  if (!fault.empty()) throw unusable(fault);
+  found.print(out);
+  if (found.count(severity::error) > 0) throw unusable(errors_in(*given.meters, found));
+  return meters;
+}
+
+// ---- Subcommands -------------------------------------------------------------------------------
 
 torvasin_host::table_row row_of(const item& item) {
   const snmp_meter_binding& binding = *item.binding;
@@ -43,101 +64,131 @@ torvasin_host::table_row row_of(const item& item) {
                                   binding.meter,
                                   torvasin_host::speed_name(binding.fast),
                                   item.formula,
-                                  serve(*item.served)};
+                                  serve(item)};
   for (std::string& cell : row) cell = cell.empty() ? "-" : printable(cell);
   return row;
 }
 
-exit_status check(const configuration& config, const options& given) {
-  const findings& found = config.found;
-  found.print(std::cout);
-  if (!given.quiet) {
-    std::vector<torvasin_host::table_row> rows = {
-        {"ITEM", "OID", "TYPE", "METER", "METERTYPE", "FORMULA", "SERVES NOW"}};
-    for (const item& each : config.items) rows.push_back(row_of(each));
-    if (rows.size() > 1) torvasin_host::print_table(rows);
-    std::cout << fmt::format("{}, {}, {}\n", found.counted(error), found.counted(warning),
-                             found.counted(note));
-  }
-  const std::size_t faults = found.count(error) + (given.strict ? found.count(warning) : 0);
-  return faults == 0 ? exit_good : exit_fault;
+void print_items(configuration& config) {
+  std::vector<torvasin_host::table_row> rows = {
+      {"ITEM", "OID", "TYPE", "METER", "METERTYPE", "FORMULA", "SERVES NOW"}};
+  for (const item& each : config.items) rows.push_back(row_of(each));
+  if (rows.size() > 1) torvasin_host::print_table(rows);
+  print_notes(config);
+  std::cout << fmt::format("{}: {}, {}; listens on {}:{}\n", config.found.text({0, 0}),
+                           config.found.counted(severity::error),
+                           config.found.counted(severity::warning),
+                           inet_ntoa({inet_addr(config.module.ip)}), config.module.port);
 }
 
-exit_status run(const options& given) {
-  const bool checks = given.command == "check";
-  meter_list meters = given.no_meters ? meter_list{} : own_meters();
-  if (given.meters) {
-    findings found;
-    const std::string fault = read_meters(*given.meters, found, meters);
-    if (!fault.empty()) return fail(exit_unusable, cannot_read(*given.meters, fault));
-    found.print(checks ? std::cout : std::cerr);
-    if (found.count(error) > 0) return exit_unusable;
+exit_status check(const options& given) {
+  const meter_list meters = meters_for(given, std::cout);
+  exit_status worst = exit_good;
+  for (const std::string& path : given.files) {
+    configuration config(path, meters);
+    const findings& found = config.found;
+    found.print(std::cout);
+    if (config.fault.empty() && !given.quiet) print_items(config);
+    const std::size_t warnings = given.strict ? found.count(severity::warning) : 0;
+    if (found.count(severity::error) + warnings > 0) worst = std::max(worst, exit_fault);
+    if (!config.fault.empty()) worst = fail(exit_unusable, config.fault);
   }
-  configuration config(given.path, meters);
-  if (!config.fault.empty()) return fail(exit_unusable, cannot_read(given.path, config.fault));
-  if (checks) return check(config, given);
-  if (config.found.count(error) > 0) {
-    return fail(exit_fault, fmt::format("{} has {}, which torvasin_config check shows",
-                                        printable(given.path), config.found.counted(error)));
+  return worst;
+}
+
+exit_status print_names(const options& given, const std::function<void(configuration&)>& print) {
+  const meter_list meters = meters_for(given, std::cerr);
+  configuration config(given.files[0], meters);
+  if (!config.fault.empty()) throw unusable(config.fault);
+  if (config.found.count(severity::error) > 0) {
+    config.found.print(std::cerr);
+    return fail(exit_fault, errors_in(given.files[0], config.found));
   }
-  given.command == "mib" ? print_mib(config, given.mib)
-                         : print_prometheus(config, given.module, given.exporter == "0.21");
+  print(config);
   return exit_good;
 }
 
-std::string mib_name_fault(const std::string& name) {
-  constexpr std::size_t longest = 32;
-  const auto odd = [](unsigned char letter) { return std::isalnum(letter) == 0 && letter != '-'; };
-  const bool legal = name.size() <= longest && name[0] >= 'A' && name[0] <= 'Z' &&
-                     std::ranges::none_of(name, odd) && !name.ends_with('-') &&
-                     name.find("--") == std::string::npos;
-  return legal ? "" : in_quotes(name) + " is no name for a MIB, such as SITE-MIB";
+// ---- Command line ------------------------------------------------------------------------------
+
+// A check of a value.
+auto matches(const char* pattern, const char* example) {
+  return [=](const std::string& value) {
+    if (std::regex_match(value, std::regex(pattern))) return std::string();
+    return in_quotes(value) + " is no name such as " + example;
+  };
 }
 
-std::string module_name_fault(const std::string& name) {
-  const auto odd = [](unsigned char letter) { return std::isalnum(letter) == 0 && letter != '_'; };
-  const bool legal =
-      !name.empty() && (name[0] < '0' || name[0] > '9') && std::ranges::none_of(name, odd);
-  return legal ? "" : in_quotes(name) + " is no name for a module, such as site";
+std::string take_oid(const std::string& text, snmp_oid& oid) {
+  constexpr std::size_t added = 3;
+  parse_oid(text.c_str(), &oid);
+  if (can_be_named(oid) && oid.count + added <= OID_TEXT_SUBIDS) return "";
+  return in_quotes(text) + " is no OID for items to be below, such as 1.3.6.1.4.1.99999";
+}
+
+// A subcommand with what all share. It takes up to so many files.
+CLI::App* add_command(CLI::App& app, const char* name, const char* words, options& given,
+                      int files) {
+  CLI::App* command = app.add_subcommand(name, words);
+  CLI::Option* meters = command->add_option("--meters", given.meters, "List of a host's meters");
+  meters->option_text("FILE");
+  if (files == 0) return command;
+  CLI::Option* file = command->add_option("FILE", given.files, "Configuration of the agent");
+  file->required()->expected(1, files)->option_text(" ");
+  CLI::Option* none = command->add_flag("--no-meters", given.no_meters, "Check nothing of meters");
+  none->excludes(meters)->option_text(" ");
+  return command;
 }
 
 exit_status run(int argc, char** argv) {
   options given;
-  CLI::App app("Checks a configuration of the SNMP agent, and names what it serves.",
+  exit_status status = exit_good;
+  CLI::App app("Checks a configuration of the SNMP agent, names what it serves, or drafts one.",
                "torvasin_config");
   app.require_subcommand(1);
-  const auto add = [&](const char* command, const char* words) {
-    CLI::App* added = app.add_subcommand(command, words);
-    added->add_option("FILE", given.path, "Configuration of the agent")->required();
-    CLI::Option* meters =
-        added->add_option("--meters", given.meters, "File that lists the meters of the host")
-            ->type_name("FILE");
-    added->add_flag("--no-meters", given.no_meters, "Leave out what depends on meters")
-        ->excludes(meters);
-    return added;
+  app.set_version_flag("--version", "torvasin_config " TORVASIN_VERSION, "Print the version");
+  const auto add = [&](const char* name, const char* words, int files) {
+    return add_command(app, name, words, given, files);
   };
-  CLI::App* check = add("check", "Say what is wrong in FILE, and what it serves");
-  check->add_flag("--strict", given.strict, "Exit with 1 for warnings too");
-  check->add_flag("--quiet", given.quiet, "Print nothing but what is wrong");
-  add("mib", "Print a MIB")
-      ->add_option("--name", given.mib, "Its name")
-      ->check(mib_name_fault)
-      ->capture_default_str();
-  CLI::App* prometheus = add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter");
-  prometheus->add_option("--name", given.module, "Name of the module in it")
-      ->check(module_name_fault)
-      ->capture_default_str();
-  prometheus->add_option("--exporter", given.exporter, "Its version: 0.21 for all before 0.23")
-      ->check(CLI::IsMember({"0.21", "0.28"}))
-      ->capture_default_str();
+
+  CLI::App* command = add("check", "Say what is wrong in FILE, and what it serves", INT_MAX);
+  command->add_flag("--strict", given.strict, "Exit with 1 for warnings too");
+  command->add_flag("--quiet", given.quiet, "Print nothing but what is wrong");
+  command->callback([&] { status = check(given); });
+
+  command = add("mib", "Print a MIB", 1);
+  command->add_option("--name", given.mib, "Its name (default: TORVASIN-MIB)")
+      ->check(matches("(?=.{1,32}$)[A-Z][A-Za-z0-9]*(-[A-Za-z0-9]+)*", "SITE-MIB"))
+      ->option_text("NAME");
+  command->callback([&] {
+    status = print_names(given, [&](configuration& config) { print_mib(config, given.mib); });
+  });
+
+  command = add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter", 1);
+  command->add_option("--name", given.module, "Name of the module in it (default: torvasin)")
+      ->check(matches("[A-Za-z_][A-Za-z0-9_]*", "site"))
+      ->option_text("NAME");
+  command->add_option("--exporter", given.exporter, "Its version: 0.21, 0.24 or 0.28 (default)")
+      ->check(matches("0\\.(21|24|28)", "0.28"))
+      ->option_text("VERSION");
+  command->callback([&] {
+    status = print_names(given, [&](configuration& config) {
+      print_prometheus(config, given.module, std::stoi(given.exporter.substr(2)));
+    });
+  });
+
+  command = add("draft", "Print a configuration with an item for each meter", 0);
+  command->add_option("--oid", "OID of your organisation, to have the items below")
+      ->check([&](const std::string& text) { return take_oid(text, given.oid); })
+      ->required()
+      ->option_text("OID");
+  command->callback([&] { print_draft(meters_for(given, std::cerr), given.oid); });
+
   try {
     app.parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    std::cout << app.help();
-    return exit_good;
+  } catch (const CLI::Success& done) {
+    app.exit(done);
   }
-  given.command = app.get_subcommands()[0]->get_name();
-  return run(given);
+  return status;
 }
 
 }  // namespace
@@ -151,6 +202,8 @@ int main(int argc, char** argv) {
     return std::cout.flush() ? status : fail(exit_fault, "cannot write the output");
   } catch (const CLI::ParseError& failure) {
     return fail(exit_unusable, printable(failure.what()));
+  } catch (const unusable& failure) {
+    return fail(exit_unusable, failure.what());
   } catch (const std::exception& failure) {
     return fail(exit_fault, failure.what());
   }

@@ -11,33 +11,31 @@ namespace {
 
 using std::string_view;
 
-constexpr std::uint32_t missing = UINT32_MAX;
+constexpr std::uint32_t no_type = UINT32_MAX;
 
 // A key whose value is one of a few words, in the order of their numbers.
 constexpr string_view speeds[] = {"slow", "fast"};
 constexpr string_view types[] = {"uint", "int", "float", "text"};
 constexpr string_view answers[] = {"no", "yes"};
 constexpr struct {
-  string_view key;
+  string_view name;
   std::span<const string_view> words;
   std::uint32_t listed_meter::* number;
-} choices[] = {{"speed", speeds, &listed_meter::speed},
-               {"type", types, &listed_meter::type},
-               {"counts", answers, &listed_meter::counts}};
+} keys[] = {{"speed", speeds, &listed_meter::speed},
+            {"type", types, &listed_meter::type},
+            {"counts", answers, &listed_meter::counts}};
 
-void take_key(listed_meter& meter, const ini_line& line, findings& found) {
+void take_meter_key(listed_meter& meter, const ini_line& line, const reporter& report) {
+  report.warn_if_repeated();
   if (line.key == string_view("description")) return void(meter.description = line.value);
-  const std::string label = fmt::format("[{}] {} = {}", printable(meter.name), printable(line.key),
-                                        printable(line.value));
-  for (const auto& [key, words, number] : choices) {
-    if (key != line.key) continue;
-    meter.*number =
-        static_cast<std::uint32_t>(std::ranges::find(words, line.value) - words.begin());
-    if (meter.*number < words.size()) return;
-    return found.add(line.at, error, "{} is refused: write {}", label, fmt::join(words, ", "));
+  for (const auto& [name, words, number] : keys) {
+    if (name != line.key) continue;
+    const auto at = std::ranges::find(words, line.value);
+    meter.*number = static_cast<std::uint32_t>(at - words.begin());
+    if (at != words.end()) return;
+    return report.error("{} is none of {}", in_quotes(line.value), fmt::join(words, ", "));
   }
-  found.add(line.at, error, "{}: there is no such key: write speed, type, counts or description",
-            label);
+  report.error("unknown key: write speed, type, counts or description");
 }
 
 }  // namespace
@@ -57,26 +55,25 @@ meter_list own_meters() {
 
 std::string read_meters(const std::string& path, findings& found, meter_list& list) {
   list = {true, false, {}};
-  const std::string fault = read_ini(path, found, [&](const ini_line& line) {
+  std::string fault = read_ini(path, found, [&](const ini_line& line) {
     if (line.key == nullptr) {
       if (const listed_meter* same = list.find(line.written)) {
-        found.add(line.at, error, "[{}] is at {} already", printable(line.written),
-                  found.text(same->at));
+        reporter{found, line.at, label_of(line.written)}.error("given twice, first at {}",
+                                                               found.text(same->at));
       }
-      list.all.push_back({line.written, line.at, missing, missing, 0, ""});
+      list.all.push_back({std::string(line.written), line.at, any_speed, no_type, 0, ""});
     } else if (list.all.empty()) {
-      found.add(line.at, error, "a key before the first section, which is to name a meter");
+      reporter{found, line.at, ""}.error("{} stands before the first section", in_quotes(line.key));
     } else {
-      take_key(list.all.back(), line, found);
+      take_meter_key(list.all.back(), line, {found, line.at, label_of(line.written, line.key)});
     }
   });
   for (const listed_meter& meter : list.all) {
-    for (const auto& [key, words, number] : choices) {
-      if (meter.*number != missing) continue;
-      found.add(meter.at, error, "[{}] has no {}: write {}", printable(meter.name), key,
-                fmt::join(words, ", "));
-    }
+    if (meter.type != no_type) continue;
+    reporter{found, meter.at, label_of(meter.name)}.error("no type: write {}",
+                                                          fmt::join(types, ", "));
   }
+  found.sort();
   return fault;
 }
 

@@ -1,9 +1,12 @@
-// The subcommands mib and prometheus: names for the items.
+// The subcommands that print a file: mib and prometheus, with names for the items, and draft.
 
 #include <fmt/chrono.h>
+#include <ini.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
+#include <cstdio>
 #include <iostream>
 #include <set>
 #include <stdexcept>
@@ -36,11 +39,20 @@ std::string camel_case(std::string_view text) {
   return result.empty() || std::isdigit(result[0]) != 0 ? "item" + result : result;
 }
 
+// Makes a name unlike all that are used but for the case, with a number at its end. Uses it.
+std::string unused_name(const std::string& name, std::set<std::string>& used) {
+  std::string result = name;
+  for (unsigned n = 2; !used.insert(lower_case(result)).second; ++n)
+    result = fmt::format("{}{}", name, n);
+  return result;
+}
+
 struct named_item {
   std::string name;
   std::uint32_t type;  // enum snmp_item_type
   bool counts;         // only grows, and starts again from 0
-  std::string words;   // the formula, the meter and what that is
+  std::string formula;
+  std::string source;  // what the meter is, and which
   snmp_oid oid;
   snmp_oid node = oid;  // in a MIB
   bool scalar = false;  // the node is an object, of which the item is the instance; else a name
@@ -51,26 +63,28 @@ named_item describe(const item& item, const std::string& name) {
   const std::string what = item.meter != nullptr ? item.meter->description : "";
   const bool counts = item.binding->type == ITEM_UINT && item.formula.empty() &&
                       item.meter != nullptr && item.meter->counts == 1;
-  const std::string words = fmt::format(
-      "{}{}{}{}{}{}", item.formula, item.formula.empty() ? "" : ", where value is ", what,
-      what.empty() ? "" : "; ", meter.empty() ? "a fixed value" : "meter ", meter);
-  return {name, item.binding->type, counts, words, item.oid()};
+  const std::string source = fmt::format("{}{}{}{}", what, what.empty() ? "" : "; ",
+                                         meter.empty() ? "a fixed value" : "meter ", meter);
+  return {name, item.binding->type, counts, item.formula, source, item.oid()};
+}
+
+std::string with_formula(const named_item& item) {
+  if (item.formula.empty()) return item.source;
+  return fmt::format("{}, where value is {}", item.formula, item.source);
 }
 
 // The items that can have a name, in the order of their OIDs. Why the others cannot is added to
 // `left_out`, a line for each behind the mark of a comment. No two names are alike but for the
-// case, and none is the reserved one or a word that readers of MIBs keep for themselves. Of an
+// case. None is the reserved one, a word that readers of MIBs keep for themselves, or the metric
+// that Prometheus itself adds. (Its others, and the exporter's, have a _ in their names.) Of an
 // item's 44 characters at most, all are below the 64 that SMI allows.
 std::vector<named_item> name_items(configuration& config, const std::string& reserved,
                                    const char* mark, std::string& left_out) {
-  std::set<std::string> used = {"iso",      "ccitt",     "current",  "deprecated",
-                                "obsolete", "mandatory", "optional", lower_case(reserved)};
+  std::set<std::string> used = {"iso",       "ccitt",    "current", "deprecated",        "obsolete",
+                                "mandatory", "optional", "up",      lower_case(reserved)};
   std::map<const item*, std::string> names;  // given in the order of the file
   for (const item& each : config.items) {
-    const std::string base = camel_case(each.binding->name);
-    std::string& name = names[&each] = base;
-    for (unsigned n = 2; !used.insert(lower_case(name)).second; ++n)
-      name = fmt::format("{}{}", base, n);
+    names[&each] = unused_name(camel_case(each.binding->name), used);
   }
   std::vector<named_item> named;
   for (const item* each : config.in_oid_order()) {
@@ -86,6 +100,11 @@ std::vector<named_item> name_items(configuration& config, const std::string& res
     }
   }
   return named;
+}
+
+std::runtime_error nothing_for(const std::string& output, const std::string& left_out) {
+  std::cerr << left_out;
+  return std::runtime_error("no item for " + output);
 }
 
 // Whether an OID begins with all of an arc.
@@ -167,8 +186,81 @@ constexpr char since_0_23[] =
 constexpr char metric[] = R"(      - name: {}
         oid: {}
         type: {}
-        help: "{}"
+{}        help: "{}"
 )";
+
+// What to multiply an item with to have its meter again, if its formula is one multiplication or
+// division by a constant; else 0.
+double scale_of(const std::string& formula) {
+  char operation = '*';
+  double constant = 0;
+  int end = 0;
+  if (std::sscanf(formula.c_str(), " value %c %lf%n", &operation, &constant, &end) < 2) {
+    std::sscanf(formula.c_str(), "%lf * value%n", &constant, &end);
+  }
+  const bool is_all = end > 0 && formula.find_first_not_of(' ', std::size_t(end)) == formula.npos;
+  if (!is_all || !std::isnormal(constant)) return 0;
+  return operation == '*' ? 1 / constant : operation == '/' ? constant : 0;
+}
+
+std::string metric_of(const named_item& item, bool has_scale) {
+  const double scale = has_scale ? scale_of(item.formula) : 0;
+  return fmt::format(metric, item.name, dotted(item.oid),
+                     item.counts ? "counter" : words_of(item.type).metric,
+                     scale != 0 ? fmt::format("        scale: {}\n", scale) : "",
+                     printable(scale != 0 ? item.source : with_formula(item)));
+}
+
+// ---- Draft --------------------------------------------------------------------------------------
+
+constexpr char head[] = R"(; Drafted by torvasin_config. Delete the items that you do not need.
+; snmpmanager.ini(5) explains the keys.
+
+[General]
+ip = 127.0.0.1
+port = 1161
+)";
+// 0 what the meter is, 1 the item, 2 to 5 the values.
+constexpr char section[] = R"(
+; {}
+[ITEM_{}]
+oid = {}
+meter = {}
+metertype = {}
+type = {}
+)";
+
+bool ends_word(char letter) {
+  return std::isalnum(static_cast<unsigned char>(letter)) == 0;
+}
+
+std::string item_name(std::string meter, std::set<std::string>& used) {
+  constexpr std::size_t longest = 40;  // a number may follow, and inih cuts after 44
+  std::ranges::replace_if(meter, ends_word, '_');
+  return unused_name(meter.substr(0, longest), used);
+}
+
+// Whether the module reads the name of a meter as it is meant.
+bool can_be_written(const std::string& meter) {
+  std::string read;
+  const auto take = [](void* user, const char*, const char*, const char* value) {
+    *static_cast<std::string*>(user) = value;
+    return 1;
+  };
+  ini_parse_string(("meter=" + meter).c_str(), take, &read);
+  return read == meter && read.find('\r') == read.npos && !read.empty() &&
+         read.size() < METER_NAME_SIZE;
+}
+
+void print_item(const listed_meter& meter, const std::string& name, const std::string& oid) {
+  const bool is_fraction = meter.type == TORVASIN_FLOAT && meter.counts == 0;
+  const auto type = is_fraction ? ITEM_INT : meter.type == TORVASIN_FLOAT ? ITEM_UINT : meter.type;
+  std::string description = meter.description.empty() ? meter.name : meter.description;
+  std::ranges::replace(description, '\r', ' ');
+  std::cout << fmt::format(section, description, name, oid, meter.name,
+                           meter.speed == TORVASIN_SLOW ? "slow" : "fast", words_of(type).name)
+            << (is_fraction ? "computeformula = value*100\n" : "");
+}
 
 }  // namespace
 
@@ -179,7 +271,7 @@ void print_mib(configuration& config, const std::string& module_name) {
   std::string left_out;
   auto items = name_items(config, identity, "--", left_out);
   place_nodes(items, left_out);
-  if (items.empty()) throw std::runtime_error("there is no item for a MIB");
+  if (items.empty()) throw nothing_for("a MIB", left_out);
   snmp_oid arc = items.back().node;  // the last stays as items come and go
   arc.count = enterprise_numbers;
   const std::string& path = config.found.files[0];
@@ -191,13 +283,14 @@ void print_mib(configuration& config, const std::string& module_name) {
     std::cout << (item.scalar ? fmt::format(object, item.name, words_of(item.type).syntax)
                               : fmt::format("\n{} OBJECT-IDENTITY\n", item.name))
               << fmt::format("    STATUS      current\n    DESCRIPTION \"{}{}\"\n    ::= {}\n",
-                             is_gauge ? "A gauge: " : "", smi_text(item.words),
+                             is_gauge ? "A gauge: " : "", smi_text(with_formula(item)),
                              value_of(item.node, arc, identity));
   }
   std::cout << '\n' << left_out << (left_out.empty() ? "" : "\n") << "END\n";
 }
 
-void print_prometheus(configuration& config, const std::string& module_name, bool old_form) {
+void print_prometheus(configuration& config, const std::string& module_name, int minor_version) {
+  const bool has_scale = minor_version >= 25;
   std::string left_out;
   std::string oids;
   std::string metrics;
@@ -211,18 +304,42 @@ void print_prometheus(configuration& config, const std::string& module_name, boo
     }
     above = item.oid;
     oids += fmt::format("      - {}\n", dotted(item.oid));
-    metrics +=
-        fmt::format(metric, item.name, dotted(item.oid),
-                    item.counts ? "counter" : words_of(item.type).metric, printable(item.words));
+    metrics += metric_of(item, has_scale);
   }
-  if (metrics.empty()) throw std::runtime_error("there is no item for a metric");
-  std::cout << "# For prometheus-snmp-exporter " << (old_form ? "before" : "since")
-            << " 0.23; made by torvasin_config.\n"
+  if (metrics.empty()) throw nothing_for("a metric", left_out);
+  std::cout << "# For prometheus-snmp-exporter 0." << minor_version
+            << "; made by torvasin_config.\n"
             << left_out
-            << fmt::format(fmt::runtime(old_form ? before_0_23 : since_0_23), module_name)
+            << fmt::format(fmt::runtime(minor_version < 23 ? before_0_23 : since_0_23), module_name)
             << "    max_repetitions: 10\n    get:\n"
             << oids << "    metrics:\n"
             << metrics;
+}
+
+void print_draft(const meter_list& meters, const snmp_oid& above) {
+  std::vector<std::pair<std::string, std::vector<const listed_meter*>>> groups;
+  std::string left_out;
+  for (const listed_meter& meter : meters.all) {
+    const std::string word(meter.name.begin(), std::ranges::find_if(meter.name, ends_word));
+    auto group = std::ranges::find(groups, word, [](const auto& each) { return each.first; });
+    if (!can_be_written(meter.name)) {
+      left_out += fmt::format("; No configuration can name meter {}.\n", in_quotes(meter.name));
+      continue;
+    }
+    if (group == groups.end()) group = groups.insert(group, {word, {}});
+    group->second.push_back(&meter);
+  }
+  if (groups.empty()) throw std::runtime_error("no meter for an item");
+  std::cout << head << left_out;
+  std::set<std::string> used;
+  for (std::size_t i = 0; i < groups.size(); ++i) {
+    const auto& [word, members] = groups[i];
+    std::cout << fmt::format("\n; ---- {} ----\n", word);
+    for (std::size_t k = 0; k < members.size(); ++k) {
+      const std::string oid = fmt::format("{}.{}.{}.0", dotted(above), i + 1, k + 1);
+      print_item(*members[k], item_name(members[k]->name, used), oid);
+    }
+  }
 }
 
 }  // namespace torvasin_config

@@ -28,6 +28,12 @@ std::string take_level(std::string& level) {
   return level + " is none of trace, warning, error, failure and off, nor 1 to 5";
 }
 
+// A flag without a value is "true".
+std::string take_list_form(std::string& form) {
+  if (form == "true") form = "table";
+  return form == "table" || form == "ini" ? "" : form + " is neither table nor ini";
+}
+
 std::string name_fault(const std::string& name) {
   if (name.size() <= longest_name) return "";
   return "longer than " + std::to_string(longest_name) + " characters";
@@ -35,40 +41,38 @@ std::string name_fault(const std::string& name) {
 
 void add_run_options(CLI::App& app, options& parsed) {
   const CLI::Range period(1U, longest_period_ms);
-  const auto add = [&app](const char* name, auto& value, const char* type, const char* words) {
-    return app.add_option(name, value, words)->type_name(type);
+  const auto add = [&app](const char* name, auto& value, const char* form, const char* words) {
+    return app.add_option(name, value, words)->option_text(form);
   };
   add("--module", parsed.module, "PATH", "Module to load (default: the one of this program)");
-  add("--conf-file", parsed.conf_file, "PATH", "Configuration file of the module")
-      ->capture_default_str();
-  add("--name", parsed.name, "NAME", "Name of the module instance")
-      ->check(name_fault)
-      ->capture_default_str();
+  add("--conf-file", parsed.conf_file, "PATH",
+      "Configuration file of the module (default: snmpmanager.ini)");
+  add("--name", parsed.name, "NAME", "Name of the module instance (default: snmp)")
+      ->check(name_fault);
   add("--affinity", parsed.affinity, "MASK", "Processors of the module's thread, decimal or 0x")
       ->check(CLI::Range(1U, unsigned{INT32_MAX}));
-  add("--renice", parsed.renice, "N", "Change of the nice value of the module's thread")
+  add("--renice", parsed.renice, "N", "Change of the nice value of the module's thread, -39 to 39")
       ->check(CLI::Range(-most_niceness, most_niceness));
-  add("--fast-ms", parsed.fast_ms, "N", "Period of the fast meters, milliseconds")
-      ->check(period)
-      ->capture_default_str();
-  add("--slow-ms", parsed.slow_ms, "N", "Period of the slow meters, milliseconds")
-      ->check(period)
-      ->capture_default_str();
+  add("--fast-ms", parsed.fast_ms, "N", "Period of the fast meters, milliseconds (default: 100)")
+      ->check(period);
+  add("--slow-ms", parsed.slow_ms, "N", "Period of the slow meters, milliseconds (default: 1000)")
+      ->check(period);
   add("--log-level", parsed.log_level, "LEVEL",
-      "Lowest level to log: trace, warning, error, failure or off, or 1 to 5")
-      ->transform(CLI::Validator(take_level, ""))
-      ->default_str("warning");
+      "Lowest level to log: trace, warning (default), error, failure or off, or 1 to 5")
+      ->transform(CLI::Validator(take_level, ""));
 }
 
 // What the program does instead of running the module.
 void add_modes(CLI::App& app, options& parsed) {
   CLI::Option* version = app.add_flag("--version", parsed.version,
                                       "Print the versions of this program and of the module");
-  app.add_flag("--list-meters{table}", parsed.list_meters,
+  version->option_text(" ");
+  app.add_flag("--list-meters", parsed.list_meters,
                "Print the meters of this machine with their values, or with =ini as a file that "
                "torvasin_config reads")
-      ->check(CLI::IsMember({"table", "ini"}))
-      ->excludes(version);
+      ->transform(CLI::Validator(take_list_form, ""))
+      ->excludes(version)
+      ->option_text("[=ini]");
 }
 
 // An empty argument, such as a variable of a shell that is not set, names nothing.
