@@ -1,4 +1,5 @@
-// make_seeds DIRECTORY: writes the first inputs of both targets to its pipeline/ and config/.
+// make_seeds DIRECTORY: writes the first inputs of the targets to its pipeline/, config/ and
+// check/.
 
 #include <filesystem>
 #include <fstream>
@@ -28,6 +29,8 @@ const std::string configs[] = {
     "uint:4294967295\ncomputeformula = value*8/100+1\n",
     "[ITEM_s]\noid=1.3.6.1\ntype=string:text\ncomputeformula=value\n[ITEM_n]\ntype=string\n",
     "[ITEM_i]\ntype=int:-1\n continued\noid=1..3\ncomputeformula=pow(fac(value),-1e3)*(1,2)%pi()\n",
+    "\xEF\xBB\xBF [ITEM_a\t;x]\n# c\n[ITEM_b] x\n\toid = 1.3.7 ; c\n=\n type: int:1\r\n[ITEM_c\nno "
+    "key\n",
 };
 
 int main(int count, char** arguments) {
@@ -39,5 +42,7 @@ int main(int count, char** arguments) {
   };
   for (const request_parts& one : requests) write("/pipeline/", &one - requests, build(one));
   write("/pipeline/", std::ssize(requests), from_hex("30 02 02 01"));
-  for (const std::string& one : configs) write("/config/", &one - configs, one);
+  for (const std::string& one : configs) {
+    for (const char* target : {"/config/", "/check/"}) write(target, &one - configs, one);
+  }
 }

@@ -40,7 +40,6 @@ struct place {
 };
 
 struct finding {
-  place at;
   severity kind;
   std::string text;  // printable
   bool operator==(const finding&) const = default;
@@ -48,12 +47,10 @@ struct finding {
 
 struct findings {
   std::vector<std::string> files;  // names, in the order of their first reading
-  std::vector<finding> all;
+  std::map<place, std::vector<finding>> all;
   std::map<std::string, place> first;  // where a section or key is given first, by its label
   std::time_t changed = 0;             // the latest change of a file
 
-  // Orders them by place, and drops what the second reading of a file repeats. For the end.
-  void sort();
   std::size_t count(severity kind) const;
   std::string counted(severity kind) const;  // "1 error", "2 errors"
   std::string text(place at) const;          // "FILE:LINE", or "FILE"
@@ -63,7 +60,8 @@ struct findings {
 // "[SECTION] KEY", or "[SECTION]" for an empty key; printable.
 std::string label_of(std::string_view section, std::string_view key = "");
 
-// Adds findings at a place that begin with a label, unless it is empty.
+// Adds findings at a place that begin with a label, unless it is empty. What is said there already,
+// as when a file is read twice, is not said again.
 struct reporter {
   findings& found;
   place at;

@@ -210,7 +210,6 @@ configuration::configuration(const std::string& path, const meter_list& known) :
     refresh_items(&module, &list, speed);
   }
   if (fault.empty()) check_items(*this);
-  found.sort();
 }
 
 configuration::~configuration() {

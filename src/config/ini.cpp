@@ -104,7 +104,9 @@ std::string label_of(std::string_view section, std::string_view key) {
 }
 
 void reporter::add(severity kind, const std::string& text) const {
-  found.all.push_back({at, kind, label + (label.empty() ? "" : ": ") + text});
+  std::vector<finding>& here = found.all[at];
+  const finding said = {kind, label + (label.empty() ? "" : ": ") + text};
+  if (std::ranges::find(here, said) == here.end()) here.push_back(said);
 }
 
 void reporter::warn_if_repeated() const {
@@ -112,21 +114,12 @@ void reporter::warn_if_repeated() const {
   if (before != at) warning("given twice, first at {}", found.text(before));
 }
 
-void findings::sort() {
-  std::ranges::stable_sort(all, {}, &finding::at);
-  std::vector<finding> sorted;
-  std::size_t begin = 0;  // of those at the latest place
-  for (finding& each : all) {
-    if (begin < sorted.size() && sorted[begin].at != each.at) begin = sorted.size();
-    if (std::find(sorted.begin() + std::ptrdiff_t(begin), sorted.end(), each) == sorted.end()) {
-      sorted.push_back(std::move(each));
-    }
-  }
-  all = std::move(sorted);
-}
-
 std::size_t findings::count(severity kind) const {
-  return static_cast<std::size_t>(std::ranges::count(all, kind, &finding::kind));
+  std::size_t sum = 0;
+  for (const auto& [at, here] : all) {
+    sum += static_cast<std::size_t>(std::ranges::count(here, kind, &finding::kind));
+  }
+  return sum;
 }
 
 std::string findings::counted(severity kind) const {
@@ -139,8 +132,10 @@ std::string findings::text(place at) const {
 }
 
 void findings::print(std::ostream& out) const {
-  for (const auto& [at, kind, words] : all) {
-    out << text(at) << ": " << severity_names[static_cast<int>(kind)] << ": " << words << '\n';
+  for (const auto& [at, here] : all) {
+    for (const auto& [kind, words] : here) {
+      out << text(at) << ": " << severity_names[static_cast<int>(kind)] << ": " << words << '\n';
+    }
   }
 }
 

@@ -73,7 +73,6 @@ std::string read_meters(const std::string& path, findings& found, meter_list& li
     reporter{found, meter.at, label_of(meter.name)}.error("no type: write {}",
                                                           fmt::join(types, ", "));
   }
-  found.sort();
   return fault;
 }
 
