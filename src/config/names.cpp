@@ -230,14 +230,15 @@ metertype = {}
 type = {}
 )";
 
+constexpr std::size_t longest_name = 40;  // a number may follow, and inih cuts after 44
+
 bool ends_word(char letter) {
   return std::isalnum(static_cast<unsigned char>(letter)) == 0;
 }
 
 std::string item_name(std::string meter, std::set<std::string>& used) {
-  constexpr std::size_t longest = 40;  // a number may follow, and inih cuts after 44
   std::ranges::replace_if(meter, ends_word, '_');
-  return unused_name(meter.substr(0, longest), used);
+  return unused_name(meter.substr(0, longest_name), used);
 }
 
 // Whether the module reads the name of a meter as it is meant.
@@ -323,7 +324,8 @@ void print_draft(const meter_list& meters, const snmp_oid& above) {
     const std::string word(meter.name.begin(), std::ranges::find_if(meter.name, ends_word));
     auto group = std::ranges::find(groups, word, [](const auto& each) { return each.first; });
     if (!can_be_written(meter.name)) {
-      left_out += fmt::format("; No configuration can name meter {}.\n", in_quotes(meter.name));
+      left_out += fmt::format("; No configuration can name meter {}.\n",
+                              in_quotes(meter.name.substr(0, longest_name)));
       continue;
     }
     if (group == groups.end()) group = groups.insert(group, {word, {}});
