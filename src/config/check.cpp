@@ -28,8 +28,7 @@ void check_item(findings& found, item& item) {
     about(found, item).error("no oid: the agent does not start");
   } else if (!can_be_named(item.oid())) {
     about(found, item, item_key::oid)
-        .warning("no request can name {}: the second number of two or more is below 40",
-                 dotted(item.oid()));
+        .warning("no request can name {}: begin with 1.3", dotted(item.oid()));
   }
   if (!item.typed()) about(found, item).warning("no type: answers NULL");
 }
