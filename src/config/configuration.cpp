@@ -89,7 +89,7 @@ void take_general_key(configuration& config, const ini_line& line, const reporte
     if (fault.empty()) return;
     return report.error("{}{}", fault, is_elsewhere ? ", seen from the working directory" : "");
   }
-  if (!line.continues) report.warn_if_repeated();
+  if (!line.continues && key != general_key::unknown) report.warn_if_repeated();
   apply(config, line);
   switch (key) {
     case general_key::ip:
@@ -116,7 +116,7 @@ void take_item_key(configuration& config, const ini_line& line, const reporter& 
   const snmp_meter_binding& binding = config.module.bindings[i];
   const auto key = find_key<item_key>(item_key_names, line.key);
   if (key != item_key::unknown) item.at(key) = line.at;
-  if (!line.continues) report.warn_if_repeated();
+  if (!line.continues && key != item_key::unknown) report.warn_if_repeated();
   switch (key) {
     case item_key::meter:
       check_length(report, line.value, binding.meter);
