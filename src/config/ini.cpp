@@ -58,7 +58,7 @@ bool read_line(reading& state) {
   return length > 0;
 }
 
-int take_key(void* user, const char* section, const char* key, const char* value) noexcept {
+int hand_over_key(void* user, const char* section, const char* key, const char* value) noexcept {
   auto& state = *static_cast<reading*>(user);
   if (std::exchange(state.skips_key, false)) return 1;
   const bool continues = !state.key.empty() && std::strchr(blanks, state.line[0]) != nullptr;
@@ -74,12 +74,12 @@ int take_key(void* user, const char* section, const char* key, const char* value
 
 // Hands over what inih makes of the latest line, behind the section and the key that it belongs to.
 // (Of a whole file, its versions differ in what they make of a line that they have no room for.)
-void take_line(reading& state) {
+void hand_over_line(reading& state) {
   const std::string& line = state.line;
   state.skips_key = state.here.line > 1;
   state.has_key = false;
   std::string text = state.skips_key ? fmt::format("[{}]\n{}=\n", state.section, state.key) : "";
-  const bool faulty = ini_parse_string((text + line).c_str(), take_key, &state) != 0;
+  const bool faulty = ini_parse_string((text + line).c_str(), hand_over_key, &state) != 0;
   const std::size_t begin = line.find_first_not_of(blanks_and_mark);
   if (faulty) {
     const reporter report = {state.found, state.here, ""};
@@ -157,7 +157,7 @@ std::string read_ini(const std::string& path, findings& found, const ini_taker& 
   if (S_ISREG(status.st_mode)) found.changed = std::max(found.changed, status.st_mtime);
   int fault = S_ISDIR(status.st_mode) ? EISDIR : 0;
   reading state = {file, found, take, whole, whole, {}, {}, {}};
-  while (fault == 0 && read_line(state)) take_line(state);
+  while (fault == 0 && read_line(state)) hand_over_line(state);
   if (fault == 0 && std::ferror(file) != 0) fault = EIO;
   std::fclose(file);
   return fault == 0 ? "" : cannot_read(std::strerror(fault));
