@@ -35,7 +35,7 @@ while IFS='~' read -r lines arguments wanted; do
   expect "$arguments: $lines" "$wanted" "$status $(sed -z 's/  */ /g; s/\n$//; s/\n/ | /g' out)"
 done <<'ROWS'
 ~check~0 row.ini: warning: no items | row.ini: 0 errors, 1 warning; listens on 127.0.0.1:161
-~check --quiet none.ini~2 torvasin_config: cannot read 'none.ini': No such file or directory | row.ini: warning: no items
+x~check --quiet none.ini~2 torvasin_config: cannot read 'none.ini': No such file or directory | row.ini:1: error: no [section], key = value or ; comment: 'x'
 [General]\rip = 1.2.3.4\r~check --quiet~0 row.ini: warning: no items | row.ini:1: warning: carriage return within the line: end lines with a line feed
 [General] | include = row.ini | include = row.ini~check~1 row.ini:2: error: [General] include: more than 16 files inside one another | row.ini:3: error: [General] include: more than 16 files inside one another | row.ini:3: error: [General] include: more than 256 files | row.ini: 3 errors, 0 warnings; listens on 127.0.0.1:161
 [ITEM_a] | oid = 1.3.1.0 | type = int | x~mib~1 row.ini:4: error: no [section], key = value or ; comment: 'x' | torvasin_config: row.ini has 1 error

@@ -18,7 +18,6 @@ namespace {
 
 using std::string_view;
 
-
 // ---- Values ------------------------------------------------------------------------------------
 
 // Whether there is room for a text, of which the module has taken all or as much as fits.
