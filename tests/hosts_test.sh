@@ -9,7 +9,7 @@
 probe() { # NAME COMMAND...: runs a host; some with a standard error that is full, and is read after five seconds
   local full=0 late=0
   [[ $1 != *minimal && $1 != waits* ]] || full=65536 late=5
-  { head -c $full /dev/zero && TORVASIN_PROBE_EXIT=1 timeout --preserve-status "${limit:-3}" "${@:2}" ||
+  { head -c $full /dev/zero && TORVASIN_PROBE_EXIT=1 timeout --preserve-status "${limit:-4}" "${@:2}" ||
     echo $? >"$1.status"; } 2>&1 | { sleep $late && tr -d '\0'; } >"$1.log"
 }
 changed() { # NAME:DUTY SED_EXPRESSION
@@ -76,7 +76,7 @@ for log in good.*.log; do
   expect "$log: status" '' "$(cat "${log%.log}.status" 2>/dev/null)"
 done
 expect 'lists of the minimal host' 1 "$(grep -ac '^probe: .* and 1 slow lists with 2 of 2 meters$' good.minimal.log)"
-expect 'many items, some of an included file' 2 "$(grep -ac '^probe: .* with 302 of 302 meters$' good.plain.log)"
+expect 'many items, some included' '302 of 302 meters' "$(grep -aoEm1 '[0-9]+ of 302 meters$' good.plain.log | head -1)"
 expect 'not tried on one thread' 'lock, threads, refusal, slow, others, idle, anew' \
   "$(grep -a '^probe.*duties kept' good.minimal.log | grep -oE '[a-z_]+(, [a-z_]+)+$')"
 for host in "${broken[@]}"; do
