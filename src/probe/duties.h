@@ -226,13 +226,13 @@ inline void watch(void*) {
 // Waits for the calls of the host on other threads. One that ends only when the caller, a callback,
 // gave it up and ended waits for a lock that is held during the callback.
 inline void outlast_calls() {
-  const long begin = milliseconds();
   for (thread_state& one : states) {
+    const long limit = milliseconds() + 2000;
     const char* what = one.what.load(relaxed);
     const long since = one.since.load(relaxed);
     while (what != nullptr && !is_removal(what) && one.what.load(relaxed) == what &&
            one.since.load(relaxed) == since) {
-      if (milliseconds() - begin > 2000) return one.given_up.store(milliseconds(), relaxed);
+      if (milliseconds() > limit) return one.given_up.store(limit, relaxed);
       usleep(1000);
     }
   }
