@@ -20,6 +20,12 @@ std::mutex sink_mutex;
 log_sink current_sink = nullptr;
 void* current_user = nullptr;
 
+thread_local log_capture* capture = nullptr;
+
+bool is_logged(int level) {
+  return level >= lowest_level.load(std::memory_order_relaxed);
+}
+
 }  // namespace
 
 void set_log_level(int level) {
@@ -32,12 +38,24 @@ void set_log_sink(log_sink sink, void* user) {
   current_user = user;
 }
 
+log_capture::log_capture(handling /*lines*/) {
+  capture = this;
+}
+
+log_capture::~log_capture() {
+  capture = nullptr;
+}
+
+void log_capture::take(const log_record& record) {
+  if (record.level >= TORVASIN_LOG_ERROR) last_words_ = record.text;
+}
+
 }  // namespace torvasin_engine
 
 using namespace torvasin_engine;
 
 void torvasin_log(int level, const char* source, int line, int /*flag*/, const char* format, ...) {
-  if (level < lowest_level.load(std::memory_order_relaxed)) return;
+  if (!is_logged(level) && (level < TORVASIN_LOG_ERROR || capture == nullptr)) return;
 
   char text[text_size];
   std::va_list arguments;
@@ -50,10 +68,11 @@ void torvasin_log(int level, const char* source, int line, int /*flag*/, const c
     length = sizeof text - 1;
     std::memcpy(text + length - 3, "...", 3);  // NOLINT(bugprone-not-null-terminated-result)
   }
-  const std::scoped_lock lock(sink_mutex);
-  if (current_sink == nullptr) return;
+  const log_record record = {level, source, line, {text, length}};
   try {
-    current_sink({level, source, line, {text, length}}, current_user);
+    if (capture != nullptr) capture->take(record);
+    const std::scoped_lock lock(sink_mutex);
+    if (is_logged(level) && current_sink != nullptr) current_sink(record, current_user);
   } catch (...) {
     return;  // the line is lost: nothing may pass through the module's frames
   }

@@ -6,6 +6,7 @@
 #define TORVASIN_ENGINE_LOG_H
 
 #include <array>
+#include <string>
 #include <string_view>
 
 namespace torvasin_engine {
@@ -33,6 +34,27 @@ void set_log_level(int level);
 // Replaces the sink; once it returns, the old one is not called any more. Null: there is none, as
 // at first.
 void set_log_sink(log_sink sink, void* user);
+
+// Notes what its own thread logs while it exists. One may exist for a thread at a time.
+class log_capture {
+ public:
+  enum handling : bool { pass };  // the lines are handed over as ever
+
+  explicit log_capture(handling lines);
+  log_capture(const log_capture&) = delete;  // the log knows its address
+  log_capture& operator=(const log_capture&) = delete;
+  ~log_capture();
+
+  // The text of the latest line of the level error or above, whatever the level of the log, or an
+  // empty text.
+  const std::string& last_words() const { return last_words_; }
+
+  // Called by the log.
+  void take(const log_record& record);
+
+ private:
+  std::string last_words_;
+};
 
 }  // namespace torvasin_engine
 
