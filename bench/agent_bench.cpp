@@ -75,8 +75,8 @@ void find(benchmark::State& state, lookup* search, bool order) {
 void refresh(benchmark::State& state) {
   table served(state, ascending);
   torvasin_key_value_list list;
-  list.set("memory.available_kib", 4'000'000'000u);
-  list.set("memory.available_change_kib", -5);
+  list.set("network.rx_octets", 4'000'000'000u);
+  list.set("system.uptime_seconds", -5);
   list.set("system.load1", 0.25f);
   list.set("system.local_time", "2001-02-03T04:05:07");
   for (auto _ : state) refresh_items(&served.module, &list, TORVASIN_FAST);

@@ -26,8 +26,8 @@ inline std::vector<object_id> table_oids(std::uint32_t count) {
 // string.
 inline std::string table_ini(std::uint32_t count, bool shuffled = false) {
   static constexpr const char* kinds[] = {
-      "type = uint:1234567\nmeter = memory.available_kib\n",
-      "type = int:-12345\nmeter = memory.available_change_kib\n",
+      "type = uint:1234567\nmeter = network.rx_octets\n",
+      "type = int:-12345\nmeter = system.uptime_seconds\n",
       "type = uint:1\nmeter = system.load1\ncomputeformula = value*8/100+1\n",
       "type = string:2001-02-03T04:05:06\nmeter = system.local_time\n"};
   std::vector<std::string> sections;

@@ -84,12 +84,12 @@ draft.ini: 0 errors, 0 warnings; listens on 127.0.0.1:1161' "$(<out)"
 
 # What the meters of this machine give now, and the first values when they are listed by a file.
 printf '[ITEM_%s]\noid = 1.3.6.%d\nmeter = %s\ntype = %s\ncomputeformula = %s\nmetertype = %s\n' \
-  cpus 1 system.cpus uint 'value*2.5' slow load 2 system.load1 int '2^32' fast time 3 system.uptime_seconds uint '-value' fast \
+  cpus 1 system.cpus int 'value*2.5' slow load 2 system.load1 int '2^32' fast rx 3 network.rx_octets uint '-value' fast \
   >now.ini
 "$bin/torvasin_host" --list-meters=ini >own.ini
 for options in '' '--meters own.ini'; do
   # shellcheck disable=SC2086
-  "$bin/torvasin_config" check $options now.ini | sed -nE 's/^(cpus|load|time) .* //p; s/^now.ini: (.*);.*/\1/p'
+  "$bin/torvasin_config" check $options now.ini | sed -nE 's/^(cpus|load|rx) .* //p; s/^now.ini: (.*);.*/\1/p'
 done >out
 expect 'serves now' "$((5 * $(getconf _NPROCESSORS_ONLN) / 2)) 2147483647 0 0 errors, 0 warnings 0 2147483647 0 0 errors, 0 warnings" "$(xargs <out)"
 

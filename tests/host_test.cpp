@@ -6,6 +6,7 @@
 #include "engine/memory.h"
 #include "engine/meter_engine.h"
 #include "host/meters.h"
+#include "support.h"
 
 using namespace torvasin_engine;
 using namespace torvasin_host;
@@ -46,35 +47,84 @@ TEST(host_log, drops_by_level_before_it_formats_and_survives_its_sink) {
 
 std::map<std::string, std::string> files = {
     {"/proc/stat", "cpu  100 20 30 460 50 5 6 9 40 0\ncpu0 1 2 3 4 5 6 7 8 9 10\n"},
-    {"/proc/meminfo", "MemTotal: 8000 kB\nMemFree: 10 kB\nMemAvailable: 5000 kB\nSwapTotal: 90 kB\nSwapFree: 30 kB\n"},
-    {"/proc/net/dev",
-     "Inter-| Receive | Transmit\n face |bytes packets\n    lo: 70 1 0 0 0 0 0 0 90 1 0 0\n"
-     "  eth0:4294967290 2 0 0 0 0 0 0 500 3 0 0\n wlan0: 16 4 0 0 0 0 0 0 50 5 0 0\n"},
+    {"/proc/meminfo",
+     "MemTotal: 5000000000 kB\nMemFree: 10 kB\nMemAvailable: 5000 kB\nSwapTotal: 90 kB\nSwapFree: 30 kB\n"},
+    {"/proc/net/dev", "Inter-| Receive | Transmit\n face |bytes packets\n eth0:2048 2 0 0 0 0 0 0 500 3 0 0\n"},
     {"/proc/loadavg", "0.25 1.5 2.75 1/100 7\n"},
     {"/proc/uptime", "86400.52 1.00\n"}};
 
-std::string sampled(meter_state& state) {
+std::string sampled(meter_state& state, std::initializer_list<const char*> names) {
   torvasin_key_value_list list;
   for (const int speed : {TORVASIN_FAST, TORVASIN_SLOW}) sample_meters(speed, state, list);
   std::string all;
-  for (const char* name : {"cpu.busy_percent", "memory.available_change_kib", "memory.available_kib",
-                           "memory.total_kib", "swap.free_kib", "network.rx_octets", "network.tx_octets",
-                           "system.load1", "system.load5", "system.load15", "system.uptime_seconds"}) {
+  for (const char* name : names) {
     const torvasin_value* value = list.find(name);
     all += value == nullptr                ? "- "
            : value->type == TORVASIN_FLOAT ? testing::PrintToString(value->payload.float32) + ' '
-                                           : std::to_string(value->payload.int32) + ' ';
+                                           : std::to_string(value->payload.uint32) + ' ';
   }
   return all;
 }
 
-TEST(host_meters, are_read_from_texts) {
+meter_state state_of_texts() {
   meter_state state;
   state.content = [](const char* path) { return files[path]; };
-  EXPECT_EQ(sampled(state), "25 0 5000 8000 30 10 550 0.25 1.5 2.75 86400 ");
+  state.kind_of_link = [](const std::string& name) {
+    return name[0] == 'e' ? link_kind::physical : name[0] == 'b' ? link_kind::stacked : link_kind::alone;
+  };
+  return state;
+}
+
+TEST(host_meters, are_read_from_texts) {
+  captured_log log;
+  meter_state state = state_of_texts();
+  const auto all = [&state] {
+    return sampled(state,
+                   {"cpu.busy_percent", "memory.available_kib", "memory.total_kib", "swap.free_kib", "network.rx_kib",
+                    "network.tx_octets", "system.load1", "system.load5", "system.load15", "system.uptime_seconds"});
+  };
+  EXPECT_EQ(all(), "25 5000 5e+09 30 2 500 0.25 1.5 2.75 86400 ");
+  EXPECT_EQ(log.take(), "");
   files["/proc/stat"] = "cpu 170 20 30 485 55 5 6 9 99 0\n";
-  files["/proc/meminfo"] = "MemAvailable: 4000 kB\n";
-  EXPECT_EQ(sampled(state), "70 -1000 4000 - - 10 550 0.25 1.5 2.75 86400 ");
+  files["/proc/meminfo"] = "MemAvailable: 4000 kB\nSwapFree: 0 kB\n";
+  EXPECT_EQ(all(), "70 4000 - 0 2 500 0.25 1.5 2.75 86400 ");
+  EXPECT_EQ(log.take(), "2 meter memory.total_kib gives no value: its item keeps the last one\n");
+  files["/proc/stat"] = "cpu 270 20 30 480 55 5 6 9 99 0\n";  // idle time has fallen
+  files["/proc/meminfo"] += "MemTotal: 8000 kB\n";
+  EXPECT_EQ(all(), "70 4000 8000 0 2 500 0.25 1.5 2.75 86400 ");
+  EXPECT_EQ(log.take(), "2 meter memory.total_kib gives values again\n");
   files.clear();
-  EXPECT_EQ(sampled(state), "- - - - - - - - - - - ");
+  EXPECT_EQ(all(), "- - - - - - - - - - ");
+}
+
+TEST(host_meters, see_a_change_of_the_time_zone) {
+  meter_state state;
+  for (const auto& [zone, offset] : {std::pair("XYZ-5:30", "19800 "), std::pair("UTC0", "0 ")}) {
+    setenv("TZ", zone, 1);
+    EXPECT_EQ(sampled(state, {"system.utc_offset_seconds"}), offset);
+  }
+}
+
+TEST(host_meters, network_counters_never_fall) {
+  meter_state state = state_of_texts();
+  const struct {
+    const char* title;
+    std::vector<std::tuple<const char*, std::uint64_t, std::uint64_t>> links;
+    const char* expected;
+  } rows[] = {{"what has no device is left out",
+               {{"lo", 5, 5}, {"eth0", 9000, 50}, {"br0", 9, 9}, {"vlo", 7, 7}},
+               "9000 8 50 "},
+              {"grown", {{"eth0", 9500, 60}, {"br0", 99, 99}, {"vlo", 70, 70}}, "9500 9 60 "},
+              {"gone, and no device is left", {{"lo", 6, 6}, {"br0", 200, 200}, {"vlo", 75, 80}}, "9505 9 70 "},
+              {"unreadable", {}, "- - - "},
+              {"back, and lower", {{"eth0", 30, 3}, {"vlo", 90, 90}}, "9505 9 70 "},
+              {"made anew", {{"eth0", 10, 1}}, "9505 9 70 "},
+              {"wrapped", {{"eth0", 4294967306, 2}}, "9505 4194313 71 "}};
+  for (const auto& [title, links, expected] : rows) {
+    std::string& text = files["/proc/net/dev"] = "";
+    for (const auto& [name, rx, tx] : links) {
+      text += std::string("  ") + name + ":" + std::to_string(rx) + " 1 0 0 0 0 0 0 " + std::to_string(tx) + " 1 0 0\n";
+    }
+    EXPECT_EQ(sampled(state, {"network.rx_octets", "network.rx_kib", "network.tx_octets"}), expected) << title;
+  }
 }

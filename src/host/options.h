@@ -18,8 +18,8 @@ struct options {
   std::optional<std::uint32_t> affinity;
   std::optional<std::int32_t> renice;
   std::string name = "snmp";
-  unsigned fast_ms = 100;
-  unsigned slow_ms = 1000;
+  unsigned fast_ms = 1000;
+  unsigned slow_ms = 10000;
   int log_level = TORVASIN_LOG_WARNING;  // or log_off
   bool version = false;
   std::string list_meters;  // "table" or "ini"; when empty, there is no list
