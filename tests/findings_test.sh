@@ -43,6 +43,7 @@ x~check --quiet none.ini~2 torvasin_config: cannot read 'none.ini': No such file
 [ITEM_a] | oid = 1.3.1.0 | type = int~mib~1 -- a is left out: its OID is too high up. | torvasin_config: no item for a MIB
 [ITEM_a] | oid = 1.40 | type = int~prometheus~1 # a is left out: it has an OID that no request can name. | torvasin_config: no item for a metric
 [ITEM_a] | oid = 1.3.1.0 | type = int | computeformula = value*2 | computeformula = value*~check --no-meters~1 row.ini:5: warning: [ITEM_a] computeformula: given twice, first at row.ini:4 | row.ini:5: error: [ITEM_a] computeformula: 'value*' is no formula over value, such as value*100 | ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW | a 1.3.1.0 int - slow - 0 | row.ini: 1 error, 1 warning; listens on 127.0.0.1:161
+[ITEM_a] | oid = 1.3.1.0 | type = uint | meter = cpu.load | metertype = fast~check --strict --meters meters.ini~0 ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW | a 1.3.1.0 uint cpu.load fast - 0 | note: [ITEM_a]: meter 'cpu.load' is a gauge: an int suits it | row.ini: 0 errors, 0 warnings; listens on 127.0.0.1:161
 ROWS
 
 # The names of the minimal host, as they lie beside it, in an older file that includes its own and with a list that has a

@@ -113,6 +113,13 @@ void print_notes(configuration& config) {
                              std::ranges::count_if(order, bare), order.size(),
                              label_of((*first)->section));
   }
+  for (const item* each : order) {
+    const listed_meter* meter = each->meter;
+    if (!each->typed() || each->binding->type != ITEM_UINT || meter == nullptr) continue;
+    if (meter->counts == 1 || !item_takes(ITEM_INT, meter->type)) continue;
+    std::cout << fmt::format("note: {}: meter {} is a gauge: an int suits it\n",
+                             label_of(each->section), in_quotes(meter->name));
+  }
   for (std::size_t i = 0; i < order.size(); ++i) {
     const auto asked = std::span(order).subspan(i, std::min(neighbours, order.size() - i));
     if (fit_one_response(asked)) continue;
