@@ -5,6 +5,7 @@
 #include <span>
 
 #include "config/config.h"
+#include "host/meters.h"
 
 namespace torvasin_config {
 namespace {

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/report.h"
+#include "host/printable.h"
 #include "module/snmp/config_keys.h"
 #include "module/snmp/mainsnmp.h"
 

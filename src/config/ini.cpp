@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "config/config.h"
+#include "host/readable.h"
 
 namespace torvasin_config {
 namespace {

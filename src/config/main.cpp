@@ -11,6 +11,8 @@
 #include <regex>
 
 #include "config/config.h"
+#include "host/meters.h"
+#include "host/table.h"
 
 namespace torvasin_config {
 namespace {

@@ -11,7 +11,7 @@
 #include <future>
 #include <thread>
 
-#include "host/report.h"
+#include "host/printable.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {

@@ -12,10 +12,10 @@
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/meter_engine.h"
+#include "host/listing.h"
 #include "host/log_writer.h"
 #include "host/options.h"
 #include "host/plugin.h"
-#include "host/report.h"
 #include "host/service.h"
 #include "module/torvasin.h"
 

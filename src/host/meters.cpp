@@ -246,6 +246,15 @@ std::string file_content(const char* path) {
   return (std::ostringstream() << file.rdbuf()).str();
 }
 
+const char* type_name(torvasin_value_type type) {
+  constexpr const char* names[] = {"uint", "int", "float", "text"};
+  return names[type];
+}
+
+const char* speed_name(std::uint32_t speed) {
+  return speed == TORVASIN_FAST ? "fast" : "slow";
+}
+
 std::span<const meter> all_meters() {
   return table;
 }

@@ -77,6 +77,10 @@ struct meter {
   }
 };
 
+// The words for a type, "uint", "int", "float" or "text", and for a speed, "fast" or "slow".
+const char* type_name(torvasin_value_type type);
+const char* speed_name(std::uint32_t speed);
+
 // Every meter, in the order of the names. Lives for ever.
 std::span<const meter> all_meters();
 

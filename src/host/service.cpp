@@ -25,7 +25,8 @@
 
 #include "engine/key_value_list.h"
 #include "host/meters.h"
-#include "host/report.h"
+#include "host/printable.h"
+#include "host/readable.h"
 
 namespace torvasin_host {
 
