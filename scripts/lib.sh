@@ -70,6 +70,15 @@ build_preset() {
   fi
 }
 
+# await SECONDS COMMAND...: until it succeeds.
+await() {
+  local end=$((SECONDS + $1))
+  until "${@:2}"; do
+    [ $SECONDS -lt $end ] || { printf 'Not within %d seconds: %s\n' "$1" "${*:2}" && return 1; }
+    sleep 0.1
+  done
+}
+
 # sources NAME...: the files of the tree, but for builds, whose names match one of the patterns.
 sources() {
   local patterns=() name

@@ -1,6 +1,7 @@
 // torvasin_host: runs a module in this process until SIGINT or SIGTERM, or tells about it or the
 // meters.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -16,7 +17,8 @@
 #include "host/log_writer.h"
 #include "host/options.h"
 #include "host/plugin.h"
-#include "host/service.h"
+#include "host/signals.h"
+#include "host/supervisor.h"
 #include "module/torvasin.h"
 
 namespace torvasin_host {
@@ -26,6 +28,16 @@ using namespace torvasin_engine;
 namespace {
 
 constexpr unsigned patience = 1;  // seconds
+
+// Opens what the program was started without of standard input, output and error. Otherwise a
+// socket gets the descriptor, and then what is written there.
+void open_standard_files() {
+  while (true) {
+    const int fd = open("/dev/null", O_RDWR);  // the lowest that is free
+    if (fd > STDERR_FILENO) close(fd);
+    if (fd < 0 || fd > STDERR_FILENO) return;
+  }
+}
 
 // Says why the program ends. It ends, too, when nobody reads that.
 exit_status fail(exit_status status, const char* reason) {
@@ -65,7 +77,7 @@ exit_status run(const options& given) {
     return exit_good;
   }
 
-  keep_signals();
+  block_signals();
   log_writer writer;
   set_log_level(given.log_level);
   const exit_status status = run_module(given, module, engine, writer);
@@ -80,6 +92,7 @@ exit_status run(const options& given) {
 
 int main(int argc, char** argv) {
   using namespace torvasin_host;
+  open_standard_files();
   std::signal(SIGPIPE, SIG_IGN);  // a reader that is gone shows in the result of a write
   try {
     options given;

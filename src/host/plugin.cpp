@@ -28,10 +28,9 @@ plugin::plugin(const std::string& name, meter_engine& engine, const std::filesys
   context_.engine = &engine;
 }
 
-std::int32_t plugin::start(const torvasin_key_value_list& list) {
+std::int32_t plugin::start_cycle(const torvasin_key_value_list& list) {
   const std::int32_t status = entry_->startCycle(&context_, &list);
   running_ = status == 0;
-  if (running_) entry_->startThread(&context_);
   return status;
 }
 

@@ -31,10 +31,12 @@ class plugin {
   // The module's own version, or an empty text when it gives none.
   const char* version() const { return version_; }
 
-  // Calls startCycle and, when it returns 0, startThread. Returns what startCycle returned:
-  // anything else is a failure, after which the module is not entered again unless it is started
-  // again. The module must not be running.
-  std::int32_t start(const torvasin_key_value_list& list);
+  // Calls startCycle. Returns its status: anything but 0 is a failure, after which the module is
+  // not entered again unless it is started again. The module must not be running.
+  std::int32_t start_cycle(const torvasin_key_value_list& list);
+
+  // Calls startThread, once the module runs.
+  void start_thread() { entry_->startThread(&context_); }
 
   // Calls preStopCycle and stopCycle. Does nothing when the module is not running.
   void stop();

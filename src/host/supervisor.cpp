@@ -1,0 +1,274 @@
+#include "host/supervisor.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#ifdef TORVASIN_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "engine/key_value_list.h"
+#include "engine/log.h"
+#include "host/meters.h"
+#include "host/printable.h"
+#include "host/readable.h"
+#include "host/signals.h"
+
+namespace torvasin_host {
+
+using namespace torvasin_engine;
+
+namespace {
+
+// Tells systemd, if it has started the program: sd_notify(3) has the words.
+void notify([[maybe_unused]] const std::string& state) {
+#ifdef TORVASIN_SYSTEMD
+  sd_notify(0, state.c_str());
+#endif
+}
+
+using number_set = std::set<int>;
+
+number_set without(const number_set& all, const number_set& some) {
+  number_set rest;
+  std::set_difference(all.begin(), all.end(), some.begin(), some.end(),
+                      std::inserter(rest, rest.end()));
+  return rest;
+}
+
+// The entries of a directory of /proc that are named by numbers.
+number_set numbers_in(const char* directory) {
+  number_set numbers;
+  std::error_code error;
+  for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
+       at.increment(error)) {
+    const std::string name = at->path().filename();
+    int number = 0;
+    std::from_chars(name.data(), name.data() + name.size(), number);
+    numbers.insert(number);
+  }
+  return numbers;
+}
+
+number_set threads() {
+  return numbers_in("/proc/self/task");
+}
+
+std::optional<sockaddr_in> udp_address(int fd) {
+  int type = 0;
+  socklen_t size = sizeof type;
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_DGRAM) return {};
+  sockaddr_in address{};
+  size = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  return address.sin_family == AF_INET ? std::optional(address) : std::nullopt;
+}
+
+number_set udp_sockets() {
+  number_set sockets = numbers_in("/proc/self/fd");
+  std::erase_if(sockets, [](int fd) { return !udp_address(fd); });
+  return sockets;
+}
+
+// Where sockets are bound: only they tell, when a configuration leaves the choice of the port to
+// the system.
+std::string addresses(const number_set& sockets) {
+  std::string all;
+  for (const int fd : sockets) {
+    const sockaddr_in address = *udp_address(fd);
+    char text[INET_ADDRSTRLEN];
+    all += fmt::format("{}{}:{}", all.empty() ? "" : ", ",
+                       inet_ntop(AF_INET, &address.sin_addr, text, sizeof text),
+                       ntohs(address.sin_port));
+  }
+  return all.empty() ? "no UDP socket" : all;
+}
+
+// A module changes the niceness of its own thread and may keep quiet about a refusal. Niceness is a
+// thread's own on Linux, so a thread that is thrown away can try first.
+std::string renice_fault(std::int32_t renice) {
+  int refused = 0;
+  std::thread([&] {
+    errno = 0;
+    if (nice(renice) == -1) refused = errno;
+  }).join();
+  return refused != 0 ? strerror(refused) : "";
+}
+
+using kept_file = std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fclose(file); })>;
+
+std::string path_of(const kept_file& file) {
+  return fmt::format("/proc/self/fd/{}", fileno(file.get()));
+}
+
+bool is_regular(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(path, error);
+}
+
+// A copy of a regular file, in memory, or null.
+kept_file keep(const std::string& path) {
+  if (!is_regular(path)) return nullptr;
+  kept_file copy(fdopen(memfd_create("running", MFD_CLOEXEC), "w"));
+  const std::string content = file_content(path.c_str());
+  const bool whole = copy != nullptr &&
+                     std::fwrite(content.data(), 1, content.size(), copy.get()) == content.size() &&
+                     std::fflush(copy.get()) == 0 && access(path_of(copy).c_str(), R_OK) == 0;
+  return whole ? std::move(copy) : nullptr;
+}
+
+class supervisor {
+ public:
+  supervisor(const options& given, plugin& module, meter_engine& engine, log_writer& writer)
+      : given_(given), module_(module), engine_(engine), writer_(writer) {}
+  supervisor(const supervisor&) = delete;
+  supervisor& operator=(const supervisor&) = delete;
+  ~supervisor() { stop(); }
+
+  exit_status run();
+
+ private:
+  void say(std::string_view level, const std::string& text) {
+    if (given_.log_level < log_off) writer_.write(level, text);
+  }
+  void fail(const std::string& reason) {
+    writer_.write("failure", reason);
+    notify("STATUS=" + printable(reason));
+  }
+  std::string start(const std::string& conf_file);
+  void stop();
+  bool may_reload();
+  std::string restart();
+
+  const options& given_;
+  plugin& module_;
+  meter_engine& engine_;
+  log_writer& writer_;
+  std::array<meter_state, 2> meters_;  // by speed; counters go on over a reload
+  kept_file running_;                  // the configuration that the module was started with
+};
+
+// Starts module and meters. Returns where they answer. Throws std::runtime_error.
+std::string supervisor::start(const std::string& conf_file) {
+  torvasin_key_value_list list;
+  list.set("conf_file", conf_file);
+  if (given_.affinity) list.set("affinity", *given_.affinity);
+  if (given_.renice) list.set("renice", *given_.renice);
+  const number_set sockets_before = udp_sockets();
+  {
+    const ended_by_signals now;  // the module may read a pipe that nobody writes to
+    const log_capture reason(log_capture::pass);
+    const std::int32_t status = module_.start_cycle(list);
+    if (status != 0) {
+      throw std::runtime_error(fmt::format("the module did not start, status {}{}{}", status,
+                                           reason.last_words().empty() ? "" : ": ",
+                                           reason.last_words()));
+    }
+  }
+  // Before the module answers, so that no client sees the first values of items.
+  engine_.start(given_.fast_ms, given_.slow_ms, [this](int speed, torvasin_key_value_list& values) {
+    sample_meters(speed, meters_.at(static_cast<std::size_t>(speed)), values);
+  });
+  // An entry that starts a thread has no status.
+  const number_set threads_before = threads();
+  module_.start_thread();
+  const number_set threads_now = threads();
+  if (!threads_now.empty() && without(threads_now, threads_before).empty()) {
+    throw std::runtime_error("the module started no thread to answer with");
+  }
+  return fmt::format("module {} {} answers on {}", given_.name, module_.version(),
+                     addresses(without(udp_sockets(), sockets_before)));
+}
+
+// The module first: as long as it runs it may count on its meters. The engine's threads must be
+// gone before the library is, with any callback that it left behind.
+void supervisor::stop() {
+  module_.stop();
+  engine_.stop();
+}
+
+// Whether a configuration can be read. A pipe has been read already.
+bool supervisor::may_reload() {
+  std::string fault = file_fault(given_.conf_file);
+  if (fault.empty() && !is_regular(given_.conf_file)) fault = "Not a regular file";
+  if (fault.empty()) return true;
+  fail(fmt::format("not reloaded: cannot read {}: {}", given_.conf_file, fault));
+  return false;
+}
+
+// Starts what was stopped for a reload: with the file as it is now or, when that fails, as it was.
+std::string supervisor::restart() {
+  kept_file next = keep(given_.conf_file);
+  try {
+    std::string started = start(given_.conf_file);
+    running_ = std::move(next);
+    return started;
+  } catch (const std::runtime_error& error) {
+    stop();
+    if (running_ == nullptr) throw;
+    fail(error.what());
+    return fmt::format("{} as before the reload, which failed: {}", start(path_of(running_)),
+                       error.what());
+  }
+}
+
+exit_status supervisor::run() {
+  const std::string unreadable = file_fault(given_.conf_file);
+  if (!unreadable.empty()) {
+    fail(fmt::format("cannot read {}: {}", given_.conf_file, unreadable));
+    return exit_usage;
+  }
+  try {
+    const std::string fault = given_.renice ? renice_fault(*given_.renice) : "";
+    if (!fault.empty()) {
+      say("failure", fmt::format("cannot change the nice value by {}: {}", *given_.renice, fault));
+    }
+    running_ = keep(given_.conf_file);
+    for (std::string started = start(given_.conf_file);; started = restart()) {
+      say("notice", started);
+      notify("READY=1\nSTATUS=" + printable(started));
+      int signal = 0;
+      do {
+        signal = next_signal();
+        if (signal == 0) writer_.write_counts();
+      } while (signal == 0 || (signal == SIGHUP && !may_reload()));
+      notify(signal == SIGHUP ? "RELOADING=1" : "STOPPING=1");
+      stop();
+      const std::string stopped = fmt::format("module {} stopped", given_.name);
+      say("notice", stopped);
+      notify("STATUS=" + stopped);
+      if (signal != SIGHUP) return exit_good;
+    }
+  } catch (const std::exception& error) {
+    fail(error.what());
+    return exit_failure;
+  }
+}
+
+}  // namespace
+
+exit_status run_module(const options& given, plugin& module, meter_engine& engine,
+                       log_writer& writer) {
+  return supervisor(given, module, engine, writer).run();
+}
+
+}  // namespace torvasin_host
