@@ -105,7 +105,7 @@ expect "the file and 255 others" 'files.ini:257: error: [General] include: more 
 
 # Bad input: a file, the status of check and that of the others, which say why at last.
 head -c 50000 /dev/urandom >binary.ini
-seq 200000 >more.ini
+seq 100000 >more.ini
 (echo '[General]' && echo 'include = more.ini' && cat more.ini) >lines.ini
 truncate -s 3G zeros.ini
 printf '[General]\ninclude = zeros.ini\n' >include.ini
