@@ -68,7 +68,7 @@ expect 'unknown meters, an older exporter' '0 1' "$("$bin/torvasin_config" mib -
 printf '%b' '[b.x/y]\ntype = float\n[a.1]\ntype = int\nspeed = slow\n[b.x_y]\ntype = uint\ncounts = yes\n[A]\ntype = text\n' \
   '[b.n]\ntype = float\ncounts = yes\ndescription = \xff"\rz\n' "[$(printf 'm%.0s' {1..190})]\ntype = int\n[c #\x1b d]\ntype = uint\n" >meters.ini
 "$bin/torvasin_config" draft --oid 1.3.6.1.4.1.9 >draft.ini
-expect 'own draft' '0 19 4 0 errors, 0 warnings' "$("$bin/torvasin_config" check --strict draft.ini >out; echo $?) $(grep -c ' 1\.3\.6\.1\.4\.1\.9\.[1-6]\.[0-9]*\.0 ' out) $("$bin/torvasin_config" prometheus draft.ini | grep -c 'scale: 0.01$') $(sed -n 's/.*ini: //; s/;.*//; $p' out)"
+expect 'own draft' '0 20 4 0 errors, 0 warnings' "$("$bin/torvasin_config" check --strict draft.ini >out; echo $?) $(grep -c ' 1\.3\.6\.1\.4\.1\.9\.[1-6]\.[0-9]*\.0 ' out) $("$bin/torvasin_config" prometheus draft.ini | grep -c 'scale: 0.01$') $(sed -n 's/.*ini: //; s/;.*//; $p' out)"
 "$bin/torvasin_config" draft --oid .1.3.6.1.4.1.9. --meters meters.ini >draft.ini 2>err
 expect draft "; Drafted by torvasin_config. Delete the items that you do not need. ; snmpmanager.ini(5) explains the keys. \
 ; No configuration can name meter '$(printf 'm%.0s' {1..40})'. ; ---- b ---- ; b.x/y ; b.x_y ; "$'\xff'"\" z ; ---- a ---- ; a.1 ; ---- A ---- ; A ; ---- c ---- ; c #"$'\x1b'" d" \

@@ -254,13 +254,15 @@ bool can_be_written(const std::string& meter) {
 }
 
 void print_item(const listed_meter& meter, const std::string& name, const std::string& oid) {
-  const bool is_fraction = meter.type == TORVASIN_FLOAT && meter.counts == 0;
-  const auto type = is_fraction ? ITEM_INT : meter.type == TORVASIN_FLOAT ? ITEM_UINT : meter.type;
+  // Hundredths of a size would leave the range of an int at 20 GiB in KiB, and nobody needs them.
+  const bool is_size = meter.name.ends_with("_kib") || meter.name.ends_with("_mib");
+  const bool is_float = meter.type == TORVASIN_FLOAT;
+  const auto type = !is_float ? meter.type : meter.counts == 0 ? ITEM_INT : ITEM_UINT;
   std::string description = meter.description.empty() ? meter.name : meter.description;
   std::ranges::replace(description, '\r', ' ');
   std::cout << fmt::format(section, description, name, oid, meter.name,
                            meter.speed == TORVASIN_SLOW ? "slow" : "fast", words_of(type).name)
-            << (is_fraction ? "computeformula = value*100\n" : "");
+            << (is_float && type == ITEM_INT && !is_size ? "computeformula = value*100\n" : "");
 }
 
 }  // namespace

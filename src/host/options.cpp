@@ -41,21 +41,27 @@ std::string name_fault(const std::string& name) {
 
 void add_run_options(CLI::App& app, options& parsed) {
   const CLI::Range period(1U, longest_period_ms);
-  const auto add = [&app](const char* name, auto& value, const char* form, const char* words) {
+  const auto add = [&app](const char* name, auto& value, const char* form,
+                          const std::string& words) {
     return app.add_option(name, value, words)->option_text(form);
   };
-  add("--module", parsed.module, "PATH", "Module to load (default: the one of this program)");
+  const auto with = [](const char* words, const std::string& otherwise) {
+    return std::string(words) + " (default: " + otherwise + ")";
+  };
+  add("--module", parsed.module, "PATH", with("Module to load", "the one of this program"));
   add("--conf-file", parsed.conf_file, "PATH",
-      "Configuration file of the module (default: snmpmanager.ini)");
-  add("--name", parsed.name, "NAME", "Name of the module instance (default: snmp)")
+      with("Configuration file of the module", parsed.conf_file));
+  add("--name", parsed.name, "NAME", with("Name of the module instance", parsed.name))
       ->check(name_fault);
   add("--affinity", parsed.affinity, "MASK", "Processors of the module's thread, decimal or 0x")
       ->check(CLI::Range(1U, unsigned{INT32_MAX}));
   add("--renice", parsed.renice, "N", "Change of the nice value of the module's thread, -39 to 39")
       ->check(CLI::Range(-most_niceness, most_niceness));
-  add("--fast-ms", parsed.fast_ms, "N", "Period of the fast meters, milliseconds (default: 100)")
+  add("--fast-ms", parsed.fast_ms, "N",
+      with("Period of the fast meters, milliseconds", std::to_string(parsed.fast_ms)))
       ->check(period);
-  add("--slow-ms", parsed.slow_ms, "N", "Period of the slow meters, milliseconds (default: 1000)")
+  add("--slow-ms", parsed.slow_ms, "N",
+      with("Period of the slow meters, milliseconds", std::to_string(parsed.slow_ms)))
       ->check(period);
   add("--log-level", parsed.log_level, "LEVEL",
       "Lowest level to log: trace, warning (default), error, failure or off, or 1 to 5")
