@@ -1,4 +1,4 @@
-// The host's key/value list, the opaque torvasin_key_value_list of module/torvasin.h, with the
+// The engine's key/value list, the opaque torvasin_key_value_list of module/torvasin.h, with the
 // torvasin_keyValueListGet functions that read it:
 //  - GetS finds texts only;
 //  - GetIU finds unsigned values and signed ones, whose bits it gives as they are;
@@ -13,9 +13,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "module/torvasin.h"
 
@@ -25,20 +25,22 @@ struct torvasin_key_value_list {
   torvasin_key_value_list(const torvasin_key_value_list&) = delete;  // values point into entries
   torvasin_key_value_list& operator=(const torvasin_key_value_list&) = delete;
 
-  // Sets a key, replacing the value it had. Key and text are copied.
-  void set(const std::string& key, std::uint32_t number) {
-    entries_[key].value = {TORVASIN_UINT32, {.uint32 = number}};
+  // Sets a key, replacing the value it had. Key and text are copied. Returns the key's record: it
+  // stays at its address until the list is cleared, so a list that is kept is refreshed in place.
+  torvasin_value* set(const std::string& key, std::uint32_t number) {
+    return put(key, {TORVASIN_UINT32, {.uint32 = number}});
   }
-  void set(const std::string& key, std::int32_t number) {
-    entries_[key].value = {TORVASIN_INT32, {.int32 = number}};
+  torvasin_value* set(const std::string& key, std::int32_t number) {
+    return put(key, {TORVASIN_INT32, {.int32 = number}});
   }
-  void set(const std::string& key, float number) {
-    entries_[key].value = {TORVASIN_FLOAT, {.float32 = number}};
+  torvasin_value* set(const std::string& key, float number) {
+    return put(key, {TORVASIN_FLOAT, {.float32 = number}});
   }
-  void set(const std::string& key, std::string text) {
+  torvasin_value* set(const std::string& key, std::string text) {
     entry& changed = entries_[key];
     changed.text = std::move(text);
     changed.value = {TORVASIN_TEXT, {.text = changed.text.c_str()}};
+    return &changed.value;
   }
 
   void clear() { entries_.clear(); }
@@ -54,8 +56,15 @@ struct torvasin_key_value_list {
     torvasin_value value;
     std::string text;  // what value.payload.text of a text value points to
   };
+  struct hash : std::hash<std::string_view> {
+    using is_transparent = void;  // finds a key without a copy of it
+  };
 
-  std::map<std::string, entry, std::less<>> entries_;
+  torvasin_value* put(const std::string& key, torvasin_value value) {
+    return &(entries_[key].value = value);
+  }
+
+  std::unordered_map<std::string, entry, hash, std::equal_to<>> entries_;
 };
 
 #endif  // TORVASIN_ENGINE_KEY_VALUE_LIST_H

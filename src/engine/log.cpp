@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
+#include <utility>
 
 #include "module/torvasin.h"
 
@@ -20,10 +22,17 @@ std::mutex sink_mutex;
 log_sink current_sink = nullptr;
 void* current_user = nullptr;
 
-thread_local log_capture* capture = nullptr;
+// In the memory that a thread has from its start: the first use in a thread can neither wait nor
+// fail, even in a library that was loaded late.
+[[gnu::tls_model("initial-exec")]] thread_local log_capture* capture = nullptr;
 
 bool is_logged(int level) {
   return level >= lowest_level.load(std::memory_order_relaxed);
+}
+
+void hand_over(const log_record& record) {
+  const std::scoped_lock lock(sink_mutex);
+  if (current_sink != nullptr) current_sink(record, current_user);
 }
 
 }  // namespace
@@ -38,7 +47,7 @@ void set_log_sink(log_sink sink, void* user) {
   current_user = user;
 }
 
-log_capture::log_capture(handling /*lines*/) {
+log_capture::log_capture(handling lines) : holds_(lines == hold) {
   capture = this;
 }
 
@@ -46,8 +55,21 @@ log_capture::~log_capture() {
   capture = nullptr;
 }
 
-void log_capture::take(const log_record& record) {
+bool log_capture::take(const log_record& record) {
   if (record.level >= TORVASIN_LOG_ERROR) last_words_ = record.text;
+  if (holds_ && is_logged(record.level)) held_.push_back({record, std::string(record.text)});
+  return holds_;
+}
+
+void log_capture::release() {
+  for (line& each : std::exchange(held_, {})) {
+    each.record.text = each.text;
+    hand_over(each.record);
+  }
+}
+
+void reset_log_in_child() {
+  new (&sink_mutex) std::mutex;
 }
 
 }  // namespace torvasin_engine
@@ -70,9 +92,8 @@ void torvasin_log(int level, const char* source, int line, int /*flag*/, const c
   }
   const log_record record = {level, source, line, {text, length}};
   try {
-    if (capture != nullptr) capture->take(record);
-    const std::scoped_lock lock(sink_mutex);
-    if (is_logged(level) && current_sink != nullptr) current_sink(record, current_user);
+    if (capture != nullptr && capture->take(record)) return;
+    if (is_logged(level)) hand_over(record);
   } catch (...) {
     return;  // the line is lost: nothing may pass through the module's frames
   }

@@ -1,4 +1,4 @@
-// The host's log. Implements torvasin_log of module/torvasin.h, callable from any thread: a line
+// The engine's log. Implements torvasin_log of module/torvasin.h, callable from any thread: a line
 // whose level is too low is dropped at the price of one atomic load, any other is formatted on the
 // stack, cut to 4 KiB with "..." at its end, and handed to the sink. Without a sink it is dropped.
 
@@ -8,6 +8,7 @@
 #include <array>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace torvasin_engine {
 
@@ -21,7 +22,7 @@ struct log_record {
   int level;              // enum torvasin_log_level
   const char* source;     // path of the emitting code, without its extension
   int line;               // its source line
-  std::string_view text;  // formatted; valid only during the call of the sink
+  std::string_view text;  // formatted, before a zero; valid only during the call of the sink
 };
 
 // Called for one record at a time, on the thread that logs. It must not log itself. If it throws,
@@ -38,7 +39,8 @@ void set_log_sink(log_sink sink, void* user);
 // Notes what its own thread logs while it exists. One may exist for a thread at a time.
 class log_capture {
  public:
-  enum handling : bool { pass };  // the lines are handed over as ever
+  // What to do with the lines: hand them over as ever, or keep them back.
+  enum handling : bool { pass, hold };
 
   explicit log_capture(handling lines);
   log_capture(const log_capture&) = delete;  // the log knows its address
@@ -49,12 +51,24 @@ class log_capture {
   // empty text.
   const std::string& last_words() const { return last_words_; }
 
-  // Called by the log.
-  void take(const log_record& record);
+  // Hands over what was held. It holds what comes later.
+  void release();
+
+  // Called by the log. Returns whether the line is held.
+  bool take(const log_record& record);
 
  private:
+  struct line {
+    log_record record;
+    std::string text;
+  };
+  const bool holds_;
   std::string last_words_;
+  std::vector<line> held_;
 };
+
+// In a forked child: forgets a lock that a thread of the parent may have held.
+void reset_log_in_child();
 
 }  // namespace torvasin_engine
 

@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -21,8 +22,11 @@ using owned_text = std::unique_ptr<char, decltype([](char* text) { std::free(tex
 std::atomic<std::size_t> live_blocks{0};
 std::atomic<std::uint64_t> allocation_calls{0};
 
+using text_map = std::map<std::uintptr_t, owned_text>;  // by the address of the record
+
 std::mutex texts_mutex;
-std::map<std::uintptr_t, owned_text> texts;  // by the address of the record
+alignas(text_map) std::byte texts_memory[sizeof(text_map)];
+text_map& texts = *new (texts_memory) text_map;  // never destroyed: threads may outlive main
 
 std::uintptr_t address_of(const void* memory) {
   return reinterpret_cast<std::uintptr_t>(memory);
@@ -75,6 +79,11 @@ memory_stats get_memory_stats() {
 void release_all_texts() {
   const std::scoped_lock lock(texts_mutex);
   texts.clear();
+}
+
+void reset_memory_in_child() {
+  new (&texts_mutex) std::mutex;
+  new (texts_memory) text_map;
 }
 
 }  // namespace torvasin_engine

@@ -1,8 +1,8 @@
-// The host's allocator and its value records. Implements torvasin_malloc, torvasin_realloc,
+// The engine's allocator and its value records. Implements torvasin_malloc, torvasin_realloc,
 // torvasin_free and the torvasin_valueInit functions of module/torvasin.h, all callable from any
 // thread. One record is one caller's at a time.
 //
-// The memory is the C library's. The host adds what a record cannot tell: who owns a text. It is
+// The memory is the C library's. The engine adds what a record cannot tell: who owns a text. It is
 // the ADDRESS of the record that holds it. One ordered map, record address -> text, keeps them; the
 // content of a record is never read.
 //  - An init at an address releases what that address owned. Its new text may be the old one.
@@ -31,6 +31,10 @@ memory_stats get_memory_stats();
 
 // Frees every text that a record still owns. No such record may be read afterwards.
 void release_all_texts();
+
+// In a forked child: forgets the texts of the parent's records, which stay allocated, and a lock
+// that a thread of the parent may have held.
+void reset_memory_in_child();
 
 }  // namespace torvasin_engine
 

@@ -3,9 +3,13 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <exception>
 #include <new>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 namespace torvasin_engine {
 
@@ -48,48 +52,98 @@ std::size_t meter_engine::registrations() const {
   return registrations_.size();
 }
 
-void meter_engine::start(unsigned fast_ms, unsigned slow_ms, const meter_source& source) {
-  stop();
-  const auto start_one = [&](int speed, unsigned period_ms) {
-    const std::chrono::milliseconds period(period_ms);
-    publish_values(speed, source);
-    threads_.emplace_back(
-        [=, this](const std::stop_token& stop) { run(stop, speed, period, source); });
+void publish_meters(const meter_publisher& publisher, int speed) {
+  const auto fail = [](const char* reason) {
+    torvasin_log(TORVASIN_LOG_FAILURE, "src/engine/meter_engine", __LINE__, 1,
+                 "meters cannot be read: %s", reason);
   };
   try {
-    start_one(TORVASIN_FAST, fast_ms);
-    start_one(TORVASIN_SLOW, slow_ms);
-  } catch (const std::system_error& error) {
-    throw std::system_error(error.code(), "no thread for the meters");
-  }
-}
-
-void meter_engine::publish_values(int speed, const meter_source& source) {
-  try {
-    torvasin_key_value_list list;
-    source(speed, list);
-    publish(speed, list);
+    publisher(speed);
   } catch (const std::exception& error) {
-    torvasin_log(TORVASIN_LOG_FAILURE, "src/engine/meter_engine", __LINE__, 1,
-                 "meters cannot be read: %s", error.what());
+    fail(error.what());
+  } catch (...) {
+    fail("unknown exception");
   }
 }
 
-void meter_engine::run(const std::stop_token& stop, int speed, std::chrono::milliseconds period,
-                       const meter_source& source) {
-  using clock = std::chrono::steady_clock;
-  pthread_setname_np(pthread_self(), speed == TORVASIN_FAST ? "meters-fast" : "meters-slow");
+namespace {
 
+using clock = std::chrono::steady_clock;
+
+struct schedule {
+  int speed;
+  std::chrono::milliseconds period;
+  clock::time_point next;
+};
+
+// The mask of this thread, and of those that it starts meanwhile, without the signals that others
+// send. A fault of a thread's own cannot be blocked.
+class signals_blocked {
+ public:
+  signals_blocked() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+      sigdelset(&signals, fault);
+    }
+    pthread_sigmask(SIG_SETMASK, &signals, &before_);
+  }
+  signals_blocked(const signals_blocked&) = delete;
+  signals_blocked& operator=(const signals_blocked&) = delete;
+  ~signals_blocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
+void run(const std::stop_token& stop, std::vector<schedule> speeds,
+         const meter_publisher& publisher) {
   std::mutex mutex;
   std::unique_lock lock(mutex);
   std::condition_variable_any stopped;
-  auto next = clock::now();
   for (;;) {
-    next = std::max(next + period, clock::now());  // periods missed are not made up for
-    stopped.wait_until(lock, stop, next, [] { return false; });
+    schedule& due = *std::ranges::min_element(speeds, {}, &schedule::next);
+    stopped.wait_until(lock, stop, due.next, [] { return false; });
     if (stop.stop_requested()) return;
-    publish_values(speed, source);
+    publish_meters(publisher, due.speed);
+    due.next = std::max(due.next + due.period, clock::now());  // periods missed are not made up for
   }
+}
+
+}  // namespace
+
+meter_thread::meter_thread(const char* name, unsigned fast_ms, unsigned slow_ms,
+                           meter_publisher publisher) {
+  std::vector<schedule> speeds;
+  for (const auto& [speed, ms] : {std::pair(TORVASIN_FAST, fast_ms), {TORVASIN_SLOW, slow_ms}}) {
+    const std::chrono::milliseconds period(ms);
+    if (ms > 0) speeds.push_back({speed, period, clock::now() + period});
+  }
+  if (speeds.empty()) return;
+  const signals_blocked blocked;
+  try {
+    thread_ = std::jthread([speeds, publisher = std::move(publisher)](const std::stop_token& stop) {
+      run(stop, speeds, publisher);
+    });
+  } catch (const std::system_error& error) {
+    throw std::system_error(error.code(), "no thread for the meters");
+  }
+  pthread_setname_np(thread_.native_handle(), name);
+}
+
+void meter_engine::start(unsigned fast_ms, unsigned slow_ms, const meter_source& source) {
+  stop();
+  const auto start_one = [&](const char* name, int speed, unsigned fast, unsigned slow) {
+    meter_publisher publisher = [this, source](int speed_due) {
+      torvasin_key_value_list list;
+      source(speed_due, list);
+      publish(speed_due, list);
+    };
+    publish_meters(publisher, speed);
+    threads_.push_back(std::make_unique<meter_thread>(name, fast, slow, std::move(publisher)));
+  };
+  start_one("meters-fast", TORVASIN_FAST, fast_ms, 0);
+  start_one("meters-slow", TORVASIN_SLOW, 0, slow_ms);
 }
 
 }  // namespace torvasin_engine

@@ -1,17 +1,17 @@
 // The meter engine: keeps the meter callbacks of modules, calls them with new values, and runs the
-// two threads that sample the meters. Its address is the engine of a plug-in context; implements
+// threads that sample the meters. Its address is the engine of a plug-in context; implements
 // torvasin_engine_addCallbackMeterManager and torvasin_engine_rmCallbackMeterManager of
 // module/torvasin.h.
 
 #ifndef TORVASIN_ENGINE_METER_ENGINE_H
 #define TORVASIN_ENGINE_METER_ENGINE_H
 
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -24,6 +24,27 @@ namespace torvasin_engine {
 // Fills an empty list with the current values of a speed. Each meter thread calls a copy of its
 // own, always for the same speed. If it throws, the log says so and nothing is published this time.
 using meter_source = std::function<void(int speed, torvasin_key_value_list& list)>;
+
+// Publishes the meters of a speed.
+using meter_publisher = std::function<void(int speed)>;
+
+// Calls a publisher. If it throws, the log says so.
+void publish_meters(const meter_publisher& publisher, int speed);
+
+// A thread that publishes each speed once per period, the first time when one is over.
+class meter_thread {
+ public:
+  // The name has 15 characters at most. Periods are milliseconds; a speed whose period is 0 is not
+  // published. The thread takes no signal that is meant for the process. Throws std::system_error
+  // when it cannot start.
+  meter_thread(const char* name, unsigned fast_ms, unsigned slow_ms, meter_publisher publisher);
+
+  // Ends without waiting for a period, but waits for a publication in progress.
+  ~meter_thread() = default;
+
+ private:
+  std::jthread thread_;
+};
 
 class meter_engine {
  public:
@@ -61,16 +82,12 @@ class meter_engine {
     bool leaving = false;  // being removed: no new calls
   };
 
-  void publish_values(int speed, const meter_source& source);
-  void run(const std::stop_token& stop, int speed, std::chrono::milliseconds period,
-           const meter_source& source);
-
   mutable std::mutex mutex_;  // guards registrations_
   std::condition_variable idle_;
   std::map<std::uintptr_t, registration> registrations_;  // by handle
   std::uintptr_t last_id_ = 0;
 
-  std::vector<std::jthread> threads_;  // the last member: they use the others
+  std::vector<std::unique_ptr<meter_thread>> threads_;  // the last member: they use the others
 };
 
 }  // namespace torvasin_engine
