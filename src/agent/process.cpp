@@ -1,0 +1,82 @@
+#include "agent/process.h"
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <new>
+#include <set>
+
+#include "agent/agent.h"
+#include "agent/default_log.h"
+#include "engine/log.h"
+#include "engine/memory.h"
+
+namespace torvasin_agent_library {
+namespace {
+
+using namespace torvasin_engine;
+
+// All of it under fork_lock, and never destroyed: threads may outlive main. Recursive, so that a
+// log function that forks does not wait for itself.
+struct process_state {
+  std::recursive_mutex fork_lock;
+  std::set<torvasin_agent*> agents;
+  program_log log = nullptr;
+  void* user = nullptr;
+};
+alignas(process_state) std::byte state_memory[sizeof(process_state)];
+process_state& state = *new (state_memory) process_state;
+
+void pass_to_program(const log_record& record, void* /*user*/) {
+  state.log(record.level, record.source, record.line, record.text.data(), state.user);
+}
+
+// The child has one thread, and what the others were doing is half-done.
+void reset_in_child() {
+  new (&state.fork_lock) std::recursive_mutex;  // it belongs to the parent's thread
+  reset_log_in_child();
+  reset_memory_in_child();
+  reset_default_log_in_child();
+  for (torvasin_agent* agent : state.agents) agent->reset_in_child();
+}
+
+// Done once, under fork_lock.
+void prepare() {
+  static bool done = false;
+  if (done) return;
+  if (pthread_atfork([] { state.fork_lock.lock(); }, [] { state.fork_lock.unlock(); },
+                     reset_in_child) != 0) {
+    throw std::bad_alloc();
+  }
+  set_log_sink(write_to_standard_error, nullptr);
+  done = true;
+}
+
+}  // namespace
+
+void set_program_log(program_log log, void* user, int lowest_level) {
+  const fork_guard guard = hold_forks();
+  prepare();
+  set_log_sink(nullptr, nullptr);  // from here on nothing reads the next two
+  state.log = log;
+  state.user = user;
+  set_log_level(lowest_level);
+  set_log_sink(log != nullptr ? pass_to_program : write_to_standard_error, nullptr);
+}
+
+void enter_process(torvasin_agent* agent) {
+  const fork_guard guard = hold_forks();
+  prepare();
+  state.agents.insert(agent);
+}
+
+void leave_process(torvasin_agent* agent) {
+  const fork_guard guard = hold_forks();
+  state.agents.erase(agent);
+}
+
+fork_guard hold_forks() {
+  return fork_guard(state.fork_lock);
+}
+
+}  // namespace torvasin_agent_library

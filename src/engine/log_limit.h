@@ -1,0 +1,46 @@
+// Keeps a flood of bad datagrams from filling a disk. A place is a statement that logs: it writes
+// no line that repeats its last one, and no more than 20 lines in 10 seconds. The others are
+// counted. Not safe for several threads at once.
+
+#ifndef TORVASIN_ENGINE_LOG_LIMIT_H
+#define TORVASIN_ENGINE_LOG_LIMIT_H
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "engine/log.h"
+
+namespace torvasin_engine {
+
+class log_limit {
+ public:
+  // Told of a place that left out lines: the last one that it wrote, and how many it left out.
+  using report = std::function<void(const log_record& last, unsigned left_out)>;
+
+  // Whether a line is to be written.
+  bool admit(const log_record& record);
+
+  // Reports the places whose 10 seconds are over, or all, and forgets them. To be called about once
+  // a second.
+  void write_counts(const report& report_one, bool all = false);
+
+ private:
+  using clock = std::chrono::steady_clock;
+
+  struct tally {
+    clock::time_point since = clock::now();
+    int level = 0;
+    std::string last;  // text of the last line that was written
+    unsigned written = 0;
+    unsigned left_out = 0;
+  };
+
+  std::map<std::pair<const char*, int>, tally> tallies_;  // by source and line
+};
+
+}  // namespace torvasin_engine
+
+#endif  // TORVASIN_ENGINE_LOG_LIMIT_H
