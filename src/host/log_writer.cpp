@@ -8,8 +8,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <future>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "host/printable.h"
 #include "module/torvasin.h"
@@ -21,7 +24,6 @@ using namespace torvasin_engine;
 namespace {
 
 constexpr std::size_t queue_lines = 4096;
-constexpr unsigned most_lines_of_place = 20;  // in one tally_period
 constexpr std::chrono::milliseconds patience{500};
 
 std::string head_of(const log_record& record) {
@@ -64,7 +66,7 @@ log_writer::log_writer()
 bool log_writer::finish() {
   if (std::exchange(finished_, true)) return true;
   set_log_sink(nullptr, nullptr);
-  write_counts(clock::time_point::max());
+  write_counts(true);
   // The end of the pool writes the whole queue, and would wait for a stalled reader for ever.
   std::promise<void> promise;
   const std::future<void> written = promise.get_future();
@@ -89,34 +91,20 @@ void log_writer::write(std::string_view level, std::string_view text) {
 void log_writer::take(const log_record& record) {
   if (record.level > TORVASIN_LOG_TRACE) {
     const std::scoped_lock lock(mutex_);
-    if (!admit(tallies_[{record.source, record.line}], record)) return;
+    if (!limit_.admit(record)) return;
   }
   write(head_of(record), record.text);
 }
 
-bool log_writer::admit(tally& place, const log_record& record) {
-  if (place.written == most_lines_of_place || (place.written > 0 && place.last == record.text)) {
-    ++place.left_out;
-    return false;
-  }
-  if (place.written++ == 0) place.head = head_of(record);
-  place.last = record.text;
-  return true;
-}
-
-void log_writer::write_counts(clock::time_point until) {
+void log_writer::write_counts(bool all) {
   const std::scoped_lock lock(mutex_);
-  std::erase_if(tallies_, [&](const auto& entry) {
-    const tally& place = entry.second;
-    if (place.since > until) return false;
-    if (place.left_out > 0) {
-      write(place.head, fmt::format("{} more lines like: {}", place.left_out, place.last));
-    }
-    return true;
-  });
+  const auto report = [this](const log_record& last, unsigned left_out) {
+    write(head_of(last), fmt::format("{} more lines like: {}", left_out, last.text));
+  };
+  limit_.write_counts(report, all);
   // As long as the queue is full another line would only drop one more.
   const std::size_t lost = pool_->overrun_counter();
-  const bool room = pool_->queue_size() < queue_lines / 2 || until == clock::time_point::max();
+  const bool room = pool_->queue_size() < queue_lines / 2 || all;
   if (lost == lost_ || !room) return;
   write("warning",
         fmt::format("{} lines of the log are lost, its reader is too slow", lost - lost_));

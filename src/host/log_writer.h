@@ -6,9 +6,7 @@
 // is full. So nobody who logs ever waits for the reader, and a reader that stalls or is gone costs
 // lines and nothing else.
 //
-// A place is a statement that logs. Above the level trace a place writes no line that repeats its
-// last one, and no more than 20 lines in 10 seconds; the others are counted, so that a flood of bad
-// datagrams does not fill a disk.
+// Above the level trace, engine/log_limit.h limits what a place writes.
 //
 // Control characters, and octets that are not UTF-8, appear escaped as "\n", "\x1b" or "\u200e";
 // so do quotes and backslashes.
@@ -18,16 +16,13 @@
 
 #include <spdlog/async_logger.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <string_view>
-#include <utility>
 
 #include "engine/log.h"
+#include "engine/log_limit.h"
 
 namespace torvasin_host {
 
@@ -54,32 +49,20 @@ class log_writer {
 
   // Writes one line for each place whose 10 seconds are over and that left out lines, and one for
   // the lines that the queue dropped. To be called about once a second.
-  void write_counts() { write_counts(std::chrono::steady_clock::now() - tally_period); }
+  void write_counts() { write_counts(false); }
 
  private:
-  using clock = std::chrono::steady_clock;
-  static constexpr std::chrono::seconds tally_period{10};
-
-  struct tally {
-    clock::time_point since = clock::now();
-    std::string head;  // level and place, as a line has them
-    std::string last;  // text of the last line that was written
-    unsigned written = 0;
-    unsigned left_out = 0;
-  };
-
   void take(const log_record& record);
-  bool admit(tally& place, const log_record& record);
-  void write_counts(clock::time_point until);
+  void write_counts(bool all);
 
   const bool journal_;
   bool finished_ = false;
   std::shared_ptr<spdlog::details::thread_pool> pool_;
   std::shared_ptr<spdlog::async_logger> logger_;
 
-  std::mutex mutex_;                                      // guards the next one
-  std::map<std::pair<const char*, int>, tally> tallies_;  // by source and line
-  std::size_t lost_ = 0;                                  // of the dropped lines, those reported
+  std::mutex mutex_;  // guards the next two
+  torvasin_engine::log_limit limit_;
+  std::size_t lost_ = 0;  // of the dropped lines, those reported
 };
 
 }  // namespace torvasin_host
