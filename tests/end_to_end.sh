@@ -112,7 +112,8 @@ expect 'no standard files' '/dev/null /dev/null' "$(readlink "/proc/$server/fd/0
 end_host TERM
 
 start_server log script -qc "exec $host --conf-file agent.ini" /dev/null
-kill -KILL "$server" && wait "$server" 2>/dev/null || true # and so the terminal is closed
+kill -KILL "$server" # and so the terminal is closed
+wait "$server" 2>/dev/null || true
 free() { ! bound "$port"; }
 await 30 free
 
