@@ -138,8 +138,8 @@ std::string serve(const item& item) {
   if (writer(octets.data(), size, nullptr, context) != 0) return "";
   if (octets[0] == BER_NULL) return "NULL";
   if (octets[0] == BER_OCTET_STRING) return item.binding->value.payload.text;
-  std::int64_t number = static_cast<std::int8_t>(octets[2]);
-  for (std::size_t at = 3; at < size; ++at) number = number * 256 + octets[at];
+  std::int64_t number = octets[2] < 0x80 ? 0 : -1;
+  for (std::size_t at = 2; at < size; ++at) number = number * 256 + octets[at];
   return std::to_string(number);
 }
 
