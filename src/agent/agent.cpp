@@ -134,7 +134,6 @@ torvasin_agent::torvasin_agent(const char* path)
 }
 
 torvasin_agent::~torvasin_agent() {
-  stop();
   leave_process(this);
 }
 

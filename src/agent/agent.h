@@ -39,7 +39,7 @@ struct torvasin_agent {
   explicit torvasin_agent(const char* path);
   torvasin_agent(const torvasin_agent&) = delete;  // module and registry know its address
   torvasin_agent& operator=(const torvasin_agent&) = delete;
-  ~torvasin_agent();
+  ~torvasin_agent();  // of an agent that is stopped
 
   // These throw std::exception with the words for the fault. They refuse to run inside collect, and
   // in a forked child whose parent had started the agent.

@@ -66,8 +66,7 @@ torvasin_agent* torvasin_agent_create(const char* conf_file) {
 
 // In a forked child the agent stays allocated: lost threads may hold its locks.
 void torvasin_agent_destroy(torvasin_agent* agent) {
-  if (agent == nullptr || agent->inside_collect() || agent->is_of_parent()) return;
-  delete agent;
+  if (succeeds(agent, [&] { agent->stop(); })) delete agent;
 }
 
 int torvasin_agent_start(torvasin_agent* agent) {
