@@ -1,5 +1,6 @@
-# What the developer of a host needs besides the module and the probe: the header, and where to find
-# all of it, for pkg-config and for CMake's find_package. An installation may be moved as a whole.
+# What a developer needs besides the libraries and torvasin_agent.h: where to find it all, for
+# pkg-config and for CMake's find_package, and the header for authors of hosts. An installation may
+# be moved as a whole.
 
 include(CMakePackageConfigHelpers)
 
@@ -8,12 +9,18 @@ install(FILES src/module/torvasin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 set(module_dir ${CMAKE_INSTALL_LIBDIR}/torvasin)
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pkgconfig_to_prefix /prefix/${pkgconfig_dir} /prefix)
-configure_file(cmake/torvasin-snmp.pc.in torvasin-snmp.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/torvasin-snmp.pc DESTINATION ${pkgconfig_dir})
 
-set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/torvasin_snmp)
-set(package_config ${PROJECT_BINARY_DIR}/torvasin_snmp-config)
-configure_package_config_file(cmake/torvasin_snmp-config.cmake.in ${package_config}.cmake
-  INSTALL_DESTINATION ${package_dir} PATH_VARS module_dir CMAKE_INSTALL_INCLUDEDIR)
-write_basic_package_version_file(${package_config}-version.cmake COMPATIBILITY SameMinorVersion)
-install(FILES ${package_config}.cmake ${package_config}-version.cmake DESTINATION ${package_dir})
+# torvasin-snmp is for hosts, which load the module; torvasin-agent for programs that link the agent.
+foreach(name torvasin-snmp torvasin-agent)
+  configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${pkgconfig_dir})
+
+  string(REPLACE - _ package ${name})
+  set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${package})
+  set(package_config ${PROJECT_BINARY_DIR}/${package}-config)
+  configure_package_config_file(cmake/${package}-config.cmake.in ${package_config}.cmake
+    INSTALL_DESTINATION ${package_dir}
+    PATH_VARS module_dir CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
+  write_basic_package_version_file(${package_config}-version.cmake COMPATIBILITY SameMinorVersion)
+  install(FILES ${package_config}.cmake ${package_config}-version.cmake DESTINATION ${package_dir})
+endforeach()

@@ -41,7 +41,7 @@ probe good.minimal "$good/minimal_host" "$probe" agent.ini &
 probe good.torvasin "$4" --module "$probe" --conf-file agent.ini --fast-ms 20 &
 if [ $# -gt 4 ]; then
   cmake --install "$5" --prefix "$scratch/usr" >log && mv usr moved # which an installation may be
-  PKG_CONFIG_PATH=$(dirname moved/lib*/pkgconfig/*) && export PKG_CONFIG_PATH
+  PKG_CONFIG_PATH=$(dirname moved/lib*/pkgconfig/torvasin-snmp.pc) && export PKG_CONFIG_PATH
   cp "$(pkg-config --variable=exampledir torvasin-snmp)"/{Makefile,CMakeLists.txt,minimal_host.c} .
   cmake -S . -B cmake -D CMAKE_PREFIX_PATH="$PWD/moved" >log && cmake --build cmake >log
   probe good.cmake.minimal cmake/minimal_host "$probe" agent.ini &
