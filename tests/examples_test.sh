@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# The queues in C and Python run as README says, answer as README shows, count on, and end when they are told to.
+# Usage: examples_test.sh [BUILD_DIRECTORY], which is installed first; without it, the system has an installation
+
+# shellcheck source=tests/lib.sh
+. "$(dirname "$0")/lib.sh"
+
+if [ $# -gt 0 ]; then
+  cmake --install "$1" --prefix "$scratch/usr" >log && mv usr moved # which an installation may be
+  PKG_CONFIG_PATH=$(dirname "$PWD"/moved/lib*/pkgconfig/torvasin-agent.pc)
+  export PKG_CONFIG_PATH LD_LIBRARY_PATH=${PKG_CONFIG_PATH%/*} PATH=$PWD/moved/bin:$PATH
+fi
+examples=$(pkg-config --variable=exampledir torvasin-agent)
+cp -r "$examples" queue && cd queue
+choose_port
+sed -i "s/^port = .*/port = $port/" queue.ini
+shown=$(sed -n "/^\$ snmpget/ { s/^..//; s/1161/$port/p; n; s/[0-9]*$//p; }" "$examples/../../README.md")
+for run in INT:run TERM:run-python; do
+  expect "README has ${run#*:}" 1 "$(grep -c "\`make ${run#*:}\`" "$examples/../../README.md")"
+  start_server log make CFLAGS='-std=c11 -Wall -Wextra -Wpedantic -Werror' "${run#*:}"
+  expect "$run: first answer" "${shown#*$'\n'}" "$(eval "${shown%%$'\n'*}" | sed 's/[0-9]*$//')"
+  try=0
+  until snmpget -v2c -c public -Oqv "127.0.0.1:$port" .1.3.6.1.4.1.32473.10.2.0 | grep -q '^[1-9]' || [ $((++try)) -eq 50 ]; do sleep 0.1; done
+  kill -"${run%:*}" "$(cat "/proc/$server/task/$server/children")"
+  wait "$server" || try="$try, ended with $?"
+  [[ $try == ? || $try == [1-4]? ]] || expect "$run: counts within 50 tries, ends with 0" '' "$try"
+done
+expect 'the list of meters fits' '0 errors, 0 warnings, 0 notes' "$(make -s check | tail -n 1)"
+expect 'with CMake' 0 "$(cmake -S . -B cmake -D CMAKE_PREFIX_PATH="$scratch/moved" >log && cmake --build cmake >log && cmake/job_queue meters.ini; echo $?)"
+finish
