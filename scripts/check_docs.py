@@ -122,6 +122,7 @@ def all_faults():
         subprocess.run(["cmake", "--install", "build/default", "--prefix", f"{scratch}/usr"],
                        stdout=subprocess.DEVNULL, check=True)
         os.environ["PKG_CONFIG_PATH"] = str(*pathlib.Path(scratch).glob("usr/**/pkgconfig"))
+        os.environ["LD_LIBRARY_PATH"] = os.path.dirname(os.environ["PKG_CONFIG_PATH"])
         agent, port = start_agent(scratch)
         ports = {"127.0.0.1:1161": f"127.0.0.1:{port}", "2161": str(port + 1)}
         try:
