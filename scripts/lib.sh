@@ -8,7 +8,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 PATH=$PATH:$root/build/unpacked/usr/bin
 
-build_packages=(cmake g++ libcli11-dev libinih-dev libspdlog-dev ninja-build)
+build_packages=(cmake g++ libcli11-dev libfmt-dev libinih-dev ninja-build)
 clang_packages=(clang-19 libclang-rt-19-dev llvm-19) # for the sanitizers and the fuzz targets
 
 # Runs a command with the privileges of root.

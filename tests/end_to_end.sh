@@ -16,7 +16,7 @@ choose_port
 ask() { "$1" -On -m '' -r 1 "${@:2}" 2>&1 || true; }
 get() { ask snmpget -v2c -c public -t 0.3 -Oqv "127.0.0.1:$port" ".1.3.6.1.4.1.32473.$1"; }
 junk() { for ((n = 0; n < $1; n++)); do printf "%0$((n % 200 + 1))d" "$n" >"/dev/udp/127.0.0.1/$port"; done; }
-lines() { sed -E 's/^.{10} ..:..:..\.[^ ]* //; s/^(\w+ [^ ]*):[0-9]+ /\1:LINE /; s/(0\.0\.0\.0):[1-9][0-9]*/\1:PORT/g' "$@"; } # without what varies
+lines() { sed -E 's/^.{10} ..:..:..\.... [-+][0-9]{4} //; s/^(\w+ [^ ]*):[0-9]+ /\1:LINE /; s/(0\.0\.0\.0):[1-9][0-9]*/\1:PORT/g' "$@"; } # without what varies
 serves() { [[ $(get "$1") =~ $2 ]]; }
 configure() { printf '[General]\ninclude = %s\nport = %d\n%b' "$example" "$port" "${1-}" >agent.ini; }
 tried() { # ARGUMENT...: the status of the host, and what it prints
@@ -26,7 +26,7 @@ tried() { # ARGUMENT...: the status of the host, and what it prints
 }
 
 # start_host LOG [OPTION]...
-start_host() { start_server "$1" "$host" --conf-file "${file:-agent.ini}" "${@:2}" 9<&-; }
+start_host() { start_server "$1" bash -c 'exec "$@" >/dev/null' - "$host" --conf-file "${file:-agent.ini}" "${@:2}" 9<&-; }
 # Sets `ended` to the status with which the host ends for a signal, within 30 seconds.
 end_host() {
   kill "-$1" "$server"
@@ -119,14 +119,19 @@ await 30 free
 
 if [ -z "$sanitizer" ]; then
   exec 9<>pipe
+  start_server pipe script -qfc "exec $host --conf-file agent.ini --log-level 1" /dev/null
+  junk 3000 # more lines than the terminal and the pipe behind it hold
+  expect 'a terminal that stalls' "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
+  kill -KILL "$server"
+  await 30 free
   for reader in slow stalled gone; do
     start_host pipe --log-level 1
     [ $reader != gone ] || exec 9<&-
-    junk 6000 # more lines than the pipe and the queue hold
+    junk 3000 # more lines than the pipe holds
     expect "a reader that is $reader" "$(uname -n)" "$(get 4.2.0 | tr -d '"')"
     if [ $reader = slow ]; then
       cat <&9 >late &
-      await 30 grep -qs '[0-9] lines of the log are lost' late
+      await 30 grep -qs 'log lines lost because .*: [1-9]' late
       kill $!
     fi
     end_host TERM

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/log.h"
+#include "engine/log_limit.h"
 #include "engine/memory.h"
 #include "engine/meter_engine.h"
 #include "host/meters.h"
@@ -43,6 +44,39 @@ TEST(host_log, drops_by_level_before_it_formats_and_survives_its_sink) {
   meter_engine().start(1, 1, [](int, torvasin_key_value_list&) { throw std::runtime_error("no meters"); });
   EXPECT_EQ(seen, "meters cannot be read: no meters");
   set_log_sink(nullptr, nullptr);
+}
+
+TEST(host_log, limits_what_a_place_writes) {
+  const struct {
+    const char* title;
+    std::string lines;  // their texts, an octet each: '+' is a step of 5 seconds
+    unsigned written;
+    std::string reported;  // the last place that left out lines
+  } rows[] = {
+      {"a repeated line", "aabba", 3, "2 x a"},
+      {"more than 20 lines", "abcdefghijklmnopqrst+uv", 20, "2 x t"},
+      {"again after 10 seconds", "a+a+a", 2, "1 x a"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.title);
+    log_limit limit;
+    unsigned written = 0;
+    std::string reported;
+    const auto report = [&](const log_record& last, unsigned left_out) {
+      reported = std::to_string(left_out) + " x " + std::string(last.text);
+    };
+    log_limit::clock::time_point now{};
+    for (const char& text : row.lines + "++") {
+      if (text == '+') {
+        now += std::chrono::seconds(5);
+        limit.write_counts(report, now);
+      } else {
+        written += limit.admit({TORVASIN_LOG_ERROR, "test", 1, {&text, 1}}, now);
+      }
+    }
+    EXPECT_EQ(written, row.written);
+    EXPECT_EQ(reported, row.reported);
+  }
 }
 
 std::map<std::string, std::string> files = {

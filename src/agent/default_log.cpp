@@ -1,26 +1,17 @@
 #include "agent/default_log.h"
 
-#include <poll.h>
-#include <unistd.h>
-
-#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <new>
 #include <string>
 #include <string_view>
 
-#include "engine/log_limit.h"
-#include "module/torvasin.h"
+#include "engine/stderr_log.h"
 
 namespace torvasin_agent_library {
 namespace {
 
 using namespace torvasin_engine;
-
-// Under the log's lock. Never destroyed: threads may log until the process ends.
-alignas(log_limit) std::byte limit_memory[sizeof(log_limit)];
-log_limit& limit = *new (limit_memory) log_limit;
 
 // Returns the length of the character of UTF-8 at the start of a text, or 0 where there is none or
 // it is a control character.
@@ -56,34 +47,22 @@ std::string printable(std::string_view text) {
   return shown;
 }
 
-// Drops a line for which there is no room at once, or whose reader is gone: a write would wait, or
-// end the program with SIGPIPE. A pipe that poll calls ready takes PIPE_BUF octets.
-void write_line(const log_record& record, std::string_view text) {
-  if (text.ends_with('\n')) text.remove_suffix(1);
-  const bool known = record.level > 0 && record.level < log_off;
-  std::string line = "torvasin_agent: ";
-  line += known ? log_level_names[static_cast<std::size_t>(record.level)] : "unknown";
-  line += ' ';
-  line += record.source;
-  line += ':' + std::to_string(record.line) + ' ' + printable(text);
-  if (line.size() >= PIPE_BUF) line.resize(PIPE_BUF - 1);
-  line += '\n';
-  pollfd ready = {STDERR_FILENO, POLLOUT, 0};
-  if (poll(&ready, 1, 0) != 1 || ready.revents != POLLOUT) return;
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+std::string default_line(std::string_view head, std::string_view text) {
+  return "torvasin_agent: " + std::string(head) + ' ' + printable(text);
 }
+
+// Never destroyed: threads may log until the process ends.
+alignas(stderr_log) std::byte log_memory[sizeof(stderr_log)];
+stderr_log& log = *new (log_memory) stderr_log(default_line);
 
 }  // namespace
 
-void write_to_standard_error(const log_record& record, void* /*user*/) {
-  limit.write_counts([](const log_record& last, unsigned left_out) {
-    write_line(last, std::to_string(left_out) + " more lines like: " + std::string(last.text));
-  });
-  if (record.level == TORVASIN_LOG_TRACE || limit.admit(record)) write_line(record, record.text);
+void log_to_standard_error() {
+  log.become_sink();
 }
 
 void reset_default_log_in_child() {
-  new (limit_memory) log_limit;
+  new (log_memory) stderr_log(default_line);
 }
 
 }  // namespace torvasin_agent_library

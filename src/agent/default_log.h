@@ -1,17 +1,16 @@
-// What the library does with its log as long as the program does not take it: writes it to standard
-// error, one line each, and never waits for the reader.
+// The library's log as long as the program sets none: lines on standard error, without waiting for
+// the reader.
 
 #ifndef TORVASIN_AGENT_DEFAULT_LOG_H
 #define TORVASIN_AGENT_DEFAULT_LOG_H
 
-#include "engine/log.h"
-
 namespace torvasin_agent_library {
 
-// A torvasin_engine::log_sink. user is not used.
-void write_to_standard_error(const torvasin_engine::log_record& record, void* user);
+// Hands what is logged from now on to a torvasin_engine::stderr_log.
+void log_to_standard_error();
 
-// In a forked child: forgets the counts, which a thread of the parent may have been changing.
+// In a forked child: forgets the lock and the counts, which a thread of the parent may have been
+// changing.
 void reset_default_log_in_child();
 
 }  // namespace torvasin_agent_library

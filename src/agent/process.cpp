@@ -49,7 +49,7 @@ void prepare() {
                      reset_in_child) != 0) {
     throw std::bad_alloc();
   }
-  set_log_sink(write_to_standard_error, nullptr);
+  log_to_standard_error();
   done = true;
 }
 
@@ -62,7 +62,8 @@ void set_program_log(program_log log, void* user, int lowest_level) {
   state.log = log;
   state.user = user;
   set_log_level(lowest_level);
-  set_log_sink(log != nullptr ? pass_to_program : write_to_standard_error, nullptr);
+  if (log == nullptr) return log_to_standard_error();
+  set_log_sink(pass_to_program, nullptr);
 }
 
 void enter_process(torvasin_agent* agent) {

@@ -1,6 +1,6 @@
-// Keeps a flood of bad datagrams from filling a disk. A place is a statement that logs: it writes
-// no line that repeats its last one, and no more than 20 lines in 10 seconds. The others are
-// counted. Not safe for several threads at once.
+// Keeps a flood of bad datagrams from filling a disk. A place is a statement that logs: in 10
+// seconds it writes at most 20 lines, and none that repeats its last one. The others are counted.
+// Not safe for several threads at once.
 
 #ifndef TORVASIN_ENGINE_LOG_LIMIT_H
 #define TORVASIN_ENGINE_LOG_LIMIT_H
@@ -20,18 +20,17 @@ class log_limit {
   // Told of a place that left out lines: the last one that it wrote, and how many it left out.
   using report = std::function<void(const log_record& last, unsigned left_out)>;
 
-  // Whether a line is to be written.
-  bool admit(const log_record& record);
-
-  // Reports the places whose 10 seconds are over, or all, and forgets them. To be called about once
-  // a second.
-  void write_counts(const report& report_one, bool all = false);
-
- private:
   using clock = std::chrono::steady_clock;
 
+  // Whether to write a line.
+  bool admit(const log_record& record, clock::time_point now = clock::now());
+
+  // Reports the places whose 10 seconds are over, and forgets them.
+  void write_counts(const report& report_one, clock::time_point now = clock::now());
+
+ private:
   struct tally {
-    clock::time_point since = clock::now();
+    clock::time_point since;
     int level = 0;
     std::string last;  // text of the last line that was written
     unsigned written = 0;

@@ -13,8 +13,9 @@
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/meter_engine.h"
+#include "engine/stderr_log.h"
 #include "host/listing.h"
-#include "host/log_writer.h"
+#include "host/log_line.h"
 #include "host/options.h"
 #include "host/plugin.h"
 #include "host/signals.h"
@@ -78,12 +79,12 @@ exit_status run(const options& given) {
   }
 
   block_signals();
-  log_writer writer;
+  stderr_log log(log_line);
+  log.become_sink();
   set_log_level(given.log_level);
-  const exit_status status = run_module(given, module, engine, writer);
+  const exit_status status = run_module(given, module, engine, log);
   release_all_texts();
   report_leaks(engine.registrations());
-  if (!writer.finish()) std::quick_exit(status);
   return status;
 }
 

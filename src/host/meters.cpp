@@ -166,23 +166,15 @@ std::optional<std::int32_t> processes(meter_state&) {
   return count;
 }
 
-std::tm local_now() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  tzset();  // which sees that the zone has changed; localtime_r need not
-  localtime_r(&now, &local);
-  return local;
-}
-
 std::optional<std::string> local_time(meter_state&) {
-  const std::tm now = local_now();
+  const std::tm now = local_time_at(std::time(nullptr));
   char text[32];
   const std::size_t length = std::strftime(text, sizeof text, "%FT%T%z", &now);
   return length > 0 ? std::optional(std::string(text, length)) : std::nullopt;
 }
 
 std::optional<std::int32_t> utc_offset(meter_state&) {
-  return static_cast<std::int32_t>(local_now().tm_gmtoff);
+  return static_cast<std::int32_t>(local_time_at(std::time(nullptr)).tm_gmtoff);
 }
 
 std::optional<std::string> description(meter_state&) {
@@ -244,6 +236,13 @@ static_assert(std::is_sorted(table.begin(), table.end(), precedes));
 std::string file_content(const char* path) {
   const std::ifstream file(path);
   return (std::ostringstream() << file.rdbuf()).str();
+}
+
+std::tm local_time_at(std::time_t time) {
+  std::tm local{};
+  tzset();  // which sees that the zone has changed; localtime_r need not
+  localtime_r(&time, &local);
+  return local;
 }
 
 const char* type_name(torvasin_value_type type) {

@@ -4,6 +4,7 @@
 #define TORVASIN_HOST_METERS_H
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <set>
@@ -53,6 +54,9 @@ struct meter_state {
 
   std::set<std::string_view> silent;  // names of the meters that gave no value last time
 };
+
+// Local time, in the zone that the machine has now.
+std::tm local_time_at(std::time_t time);
 
 // Takes a reading, or none when the system does not give one.
 template <typename value_type>

@@ -138,8 +138,8 @@ kept_file keep(const std::string& path) {
 
 class supervisor {
  public:
-  supervisor(const options& given, plugin& module, meter_engine& engine, log_writer& writer)
-      : given_(given), module_(module), engine_(engine), writer_(writer) {}
+  supervisor(const options& given, plugin& module, meter_engine& engine, stderr_log& log)
+      : given_(given), module_(module), engine_(engine), log_(log) {}
   supervisor(const supervisor&) = delete;
   supervisor& operator=(const supervisor&) = delete;
   ~supervisor() { stop(); }
@@ -148,10 +148,10 @@ class supervisor {
 
  private:
   void say(std::string_view level, const std::string& text) {
-    if (given_.log_level < log_off) writer_.write(level, text);
+    if (given_.log_level < log_off) log_.write(level, text);
   }
   void fail(const std::string& reason) {
-    writer_.write("failure", reason);
+    log_.write("failure", reason);
     notify("STATUS=" + printable(reason));
   }
   std::string start(const std::string& conf_file);
@@ -162,7 +162,7 @@ class supervisor {
   const options& given_;
   plugin& module_;
   meter_engine& engine_;
-  log_writer& writer_;
+  stderr_log& log_;
   std::array<meter_state, 2> meters_;  // by speed; counters go on over a reload
   kept_file running_;                  // the configuration that the module was started with
 };
@@ -249,7 +249,7 @@ exit_status supervisor::run() {
       int signal = 0;
       do {
         signal = next_signal();
-        if (signal == 0) writer_.write_counts();
+        if (signal == 0) log_.write_counts();
       } while (signal == 0 || (signal == SIGHUP && !may_reload()));
       notify(signal == SIGHUP ? "RELOADING=1" : "STOPPING=1");
       stop();
@@ -267,8 +267,8 @@ exit_status supervisor::run() {
 }  // namespace
 
 exit_status run_module(const options& given, plugin& module, meter_engine& engine,
-                       log_writer& writer) {
-  return supervisor(given, module, engine, writer).run();
+                       stderr_log& log) {
+  return supervisor(given, module, engine, log).run();
 }
 
 }  // namespace torvasin_host

@@ -4,7 +4,7 @@
 #define TORVASIN_HOST_SUPERVISOR_H
 
 #include "engine/meter_engine.h"
-#include "host/log_writer.h"
+#include "engine/stderr_log.h"
 #include "host/options.h"
 #include "host/plugin.h"
 
@@ -16,7 +16,7 @@ namespace torvasin_host {
 // stopped: exit_usage when the configuration file cannot be read at the first start, exit_failure
 // when a start fails otherwise; the log then has the reason. The signals must be blocked.
 exit_status run_module(const options& given, plugin& module, meter_engine& engine,
-                       log_writer& writer);
+                       torvasin_engine::stderr_log& log);
 
 }  // namespace torvasin_host
 

@@ -21,8 +21,9 @@
 //    from" names. torvasin_log is called from each of them, and it is the only one that the module
 //    also calls from a thread of its own.
 //  - The module may hold a lock of its own during the call. Therefore the function must not wait:
-//    not for a reader, not for a disk, and not for a lock that some thread holds while it waits for
-//    one of these or calls a callback. It may take a lock that is held briefly. Only
+//    not for a reader, and not for a lock that some thread holds while it waits for one or calls a
+//    callback. It may take a lock that is held briefly, and it may write to a file: the system
+//    takes that into memory, unless its disk is so slow that it holds all writers back. Only
 //    torvasin_engine_rmCallbackMeterManager may wait, where it says so.
 //  - It must not call an entry or a callback. Only torvasin_engine_addCallbackMeterManager may call
 //    the callback that it adds. It must return: no exception or longjmp may leave it.
