@@ -22,8 +22,8 @@ std::mutex sink_mutex;
 log_sink current_sink = nullptr;
 void* current_user = nullptr;
 
-// In the memory that a thread has from its start: the first use in a thread can neither wait nor
-// fail, even in a library that was loaded late.
+// In the memory that each thread has from its start, so that the first use in a thread neither
+// waits nor fails, even in a library that was loaded late.
 [[gnu::tls_model("initial-exec")]] thread_local log_capture* capture = nullptr;
 
 bool is_logged(int level) {
@@ -95,6 +95,6 @@ void torvasin_log(int level, const char* source, int line, int /*flag*/, const c
     if (capture != nullptr && capture->take(record)) return;
     if (is_logged(level)) hand_over(record);
   } catch (...) {
-    return;  // the line is lost: nothing may pass through the module's frames
+    return;  // the line is lost: no exception may pass through the module
   }
 }

@@ -1,6 +1,6 @@
-// The engine's log. Implements torvasin_log of module/torvasin.h, callable from any thread: a line
-// whose level is too low is dropped at the price of one atomic load, any other is formatted on the
-// stack, cut to 4 KiB with "..." at its end, and handed to the sink. Without a sink it is dropped.
+// The engine's log. Implements torvasin_log of module/torvasin.h, callable from any thread. A line
+// whose level is too low costs one atomic load. Any other is formatted on the stack, cut to 4 KiB
+// with "..." at its end, and passed to the sink. Without a sink it is dropped.
 
 #ifndef TORVASIN_ENGINE_LOG_H
 #define TORVASIN_ENGINE_LOG_H
@@ -12,7 +12,7 @@
 
 namespace torvasin_engine {
 
-// Above every enum torvasin_log_level: as the lowest level, it silences the log.
+// Above every enum torvasin_log_level. As the lowest level, it silences the log.
 constexpr int log_off = 5;
 
 // By level; there is no level 0.
@@ -25,21 +25,20 @@ struct log_record {
   std::string_view text;  // formatted, before a zero; valid only during the call of the sink
 };
 
-// Called for one record at a time, on the thread that logs. It must not log itself. If it throws,
-// the record is lost: the frames below may be a module's, which no exception can pass.
+// Called for one record at a time, on the thread that logs. It must not log. If it throws, the
+// record is lost: the caller may be a module, which no exception can pass.
 using log_sink = void (*)(const log_record& record, void* user);
 
-// The lowest level that is logged, 2 (warnings) at first.
+// Sets the lowest level that is logged; initially 2, warnings.
 void set_log_level(int level);
 
-// Replaces the sink; once it returns, the old one is not called any more. Null: there is none, as
-// at first.
+// Replaces the sink. Once it returns, the old one is not called any more. Null, as initially: none.
 void set_log_sink(log_sink sink, void* user);
 
-// Notes what its own thread logs while it exists. One may exist for a thread at a time.
+// Captures what its own thread logs while it exists. At most one per thread.
 class log_capture {
  public:
-  // What to do with the lines: hand them over as ever, or keep them back.
+  // What happens to the lines: the sink gets them at once, or not before release.
   enum handling : bool { pass, hold };
 
   explicit log_capture(handling lines);
@@ -47,11 +46,11 @@ class log_capture {
   log_capture& operator=(const log_capture&) = delete;
   ~log_capture();
 
-  // The text of the latest line of the level error or above, whatever the level of the log, or an
-  // empty text.
+  // The text of the latest line of level error or above, whatever the level of the log. Empty if
+  // there was none.
   const std::string& last_words() const { return last_words_; }
 
-  // Hands over what was held. It holds what comes later.
+  // Passes the held lines to the sink. Lines logged later are held again.
   void release();
 
   // Called by the log. Returns whether the line is held.
@@ -67,7 +66,7 @@ class log_capture {
   std::vector<line> held_;
 };
 
-// In a forked child: forgets a lock that a thread of the parent may have held.
+// For a forked child: resets a lock that another thread of the parent may have held.
 void reset_log_in_child();
 
 }  // namespace torvasin_engine

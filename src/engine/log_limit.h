@@ -17,7 +17,7 @@ namespace torvasin_engine {
 
 class log_limit {
  public:
-  // Told of a place that left out lines: the last one that it wrote, and how many it left out.
+  // Receives the last line that a place wrote, and how many more it left out.
   using report = std::function<void(const log_record& last, unsigned left_out)>;
 
   using clock = std::chrono::steady_clock;

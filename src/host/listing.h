@@ -1,15 +1,15 @@
-// The lists of meters that the program prints to standard output.
+// Prints the meters to standard output.
 
 #ifndef TORVASIN_HOST_LISTING_H
 #define TORVASIN_HOST_LISTING_H
 
 namespace torvasin_host {
 
-// A table of all meters: speed and type, whether it counts, what it means, and its value now, "-"
-// when the system gives none.
+// A table of all meters: speed, type, whether the meter counts, description, and current value, or
+// "-" if it cannot be read.
 void print_meters();
 
-// All meters as an ini file, a section for each, with what stays true on every machine.
+// All meters as an ini file with one section each, without what differs between machines.
 void print_meters_as_ini();
 
 }  // namespace torvasin_host

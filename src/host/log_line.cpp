@@ -15,7 +15,8 @@
 namespace torvasin_host {
 namespace {
 
-// Whether standard error is the journal; then JOURNAL_STREAM has its device and inode.
+// systemd sets JOURNAL_STREAM to the device and inode of the journal's stream. A standard error
+// that was redirected since has others.
 bool is_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat file{};

@@ -8,9 +8,9 @@
 
 namespace torvasin_host {
 
-// A torvasin_engine::stderr_log::line_maker: puts the time before the head. Where standard error is
-// systemd's journal, which has times of its own, the priority of the level stands there instead, as
-// "<4>". The text is escaped as printable.h says.
+// A torvasin_engine::stderr_log::line_maker: local time with its UTC offset, head and text. The
+// journal of systemd keeps its own times: if standard error is the journal, the line begins with
+// the priority of its level instead, as "<4>". printable.h escapes the text.
 std::string log_line(std::string_view head, std::string_view text);
 
 }  // namespace torvasin_host

@@ -1,5 +1,4 @@
-// torvasin_host: runs a module in this process until SIGINT or SIGTERM, or tells about it or the
-// meters.
+// torvasin_host: runs a module until SIGINT or SIGTERM, or prints its version or the meters.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -30,8 +29,8 @@ namespace {
 
 constexpr unsigned patience = 1;  // seconds
 
-// Opens what the program was started without of standard input, output and error. Otherwise a
-// socket gets the descriptor, and then what is written there.
+// Opens standard input, output and error on /dev/null if they are closed. Otherwise a socket would
+// get the descriptor, and receive what is written there.
 void open_standard_files() {
   while (true) {
     const int fd = open("/dev/null", O_RDWR);  // the lowest that is free
@@ -40,7 +39,7 @@ void open_standard_files() {
   }
 }
 
-// Says why the program ends. It ends, too, when nobody reads that.
+// Reports why the program ends. It ends even if nobody reads the report.
 exit_status fail(exit_status status, const char* reason) {
   std::signal(SIGALRM, [](int) { _exit(exit_failure); });
   alarm(patience);
@@ -48,8 +47,8 @@ exit_status fail(exit_status status, const char* reason) {
   return status;
 }
 
-// The module that goes with this program: beside it in a build, in the library directory when
-// installed. The place beside it when there is neither.
+// The module that belongs to this program: beside it in a build, in the library directory in an
+// installation. If neither exists, returns the path beside the program.
 std::filesystem::path default_module() {
   constexpr auto file_name = "libtorvasin_snmp.so";
   const auto directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
@@ -94,7 +93,7 @@ exit_status run(const options& given) {
 int main(int argc, char** argv) {
   using namespace torvasin_host;
   open_standard_files();
-  std::signal(SIGPIPE, SIG_IGN);  // a reader that is gone shows in the result of a write
+  std::signal(SIGPIPE, SIG_IGN);  // a write tells if its reader is gone
   try {
     options given;
     const exit_status status = parse_options(argc, argv, given) ? run(given) : exit_good;

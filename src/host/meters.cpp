@@ -21,14 +21,14 @@ namespace {
 
 constexpr char network_file[] = "/proc/net/dev";
 
-// A file's content, read once for each sample.
+// The content of a file, read once per sample.
 const std::string& text_of(meter_state& state, const char* path) {
   const auto [at, fresh] = state.texts.try_emplace(path);
   if (fresh) at->second = state.content(path);
   return at->second;
 }
 
-// A size in KiB from /proc/meminfo. As a float it has no limit, and 24 significant bits.
+// A size in KiB from /proc/meminfo. A float has no upper limit here, and 24 significant bits.
 template <const char* wanted>
 std::optional<float> memory(meter_state& state) {
   std::istringstream lines(text_of(state, "/proc/meminfo"));
@@ -45,8 +45,9 @@ constexpr char available[] = "MemAvailable:";
 constexpr char total[] = "MemTotal:";
 constexpr char swap_free[] = "SwapFree:";
 
-// Percent of the time since the reading before, at first since the machine started. The same again
-// when no time has passed, or when the idle time has fallen, as that of waiting for disks can.
+// Percent of the time since the previous reading; the first one covers the time since boot. Repeats
+// the previous result if no time has passed, or if idle time fell, as time spent waiting for disks
+// can.
 std::optional<float> cpu_busy(meter_state& state) {
   std::istringstream numbers(text_of(state, "/proc/stat"));
   std::string key;
@@ -69,7 +70,7 @@ std::optional<float> cpu_busy(meter_state& state) {
   return state.busy_percent;
 }
 
-// What users other than root can still write there.
+// What users other than root can still write.
 std::optional<float> root_available(meter_state&) {
   std::error_code error;
   const auto space = std::filesystem::space("/", error);
@@ -78,9 +79,9 @@ std::optional<float> root_available(meter_state&) {
 
 using interface_map = std::map<std::string, meter_state::interface>;
 
-// The interfaces but loopback, with the kinds that are known from the reading before.
+// All interfaces except loopback, with the kinds known from the previous reading.
 interface_map interfaces_in(std::string text, const interface_map& before) {
-  std::ranges::replace(text, ':', ' ');  // behind the name, with or without a blank
+  std::ranges::replace(text, ':', ' ');  // it follows the name, with or without a blank
   std::istringstream lines(text);
   interface_map interfaces;
   for (std::string line; std::getline(lines, line);) {
@@ -97,10 +98,10 @@ interface_map interfaces_in(std::string text, const interface_map& before) {
   return interfaces;
 }
 
-// Adds what has moved since the reading before. Octets that pass several interfaces count once: a
-// machine with devices counts these, any other each interface that does not stand on others. An
-// interface counts from the reading that first sees it, so one that is renamed does not count
-// twice, and so does one whose numbers have fallen, which has been made anew.
+// Adds the traffic since the previous reading. Octets that pass several interfaces count once: a
+// machine with devices counts only those; any other counts the interfaces that do not stand on
+// others. An interface counts from the reading that first sees it, so a renamed one does not count
+// twice. One whose numbers fell was created anew, and counts from then on.
 void count_traffic(meter_state& state) {
   const std::string& text = text_of(state, network_file);
   if (text.empty()) return;
@@ -114,7 +115,7 @@ void count_traffic(meter_state& state) {
   const bool first = !state.network;
   traffic& sum = first ? state.network.emplace() : *state.network;
   for (auto& [name, link] : state.interfaces) {
-    if (!has_devices) link.kind = state.kind_of_link(name);  // as ports come and go
+    if (!has_devices) link.kind = state.kind_of_link(name);  // ports come and go
     if (link.kind != (has_devices ? link_kind::physical : link_kind::alone)) continue;
     const auto known = before.find(name);
     const traffic since = first                   ? traffic{}
@@ -125,7 +126,7 @@ void count_traffic(meter_state& state) {
   }
 }
 
-// The low 32 bits of the sum in units of 2^shift octets, as of a counter that wraps.
+// The low 32 bits of the sum, in units of 2^shift octets, so that the counter wraps.
 template <std::uint64_t traffic::* direction, unsigned shift>
 std::optional<std::uint32_t> network(meter_state& state) {
   if (!state.texts.contains(network_file)) count_traffic(state);
@@ -153,8 +154,8 @@ std::optional<std::int32_t> uptime(meter_state& state) {
   return numbers >> seconds ? std::optional(static_cast<std::int32_t>(seconds)) : std::nullopt;
 }
 
-// Processes are the directories of /proc that are named by a number. The system makes up each entry
-// while it is read: 1.5 microseconds for one. So this is a slow meter.
+// Counts the directories of /proc whose name is a number. The kernel generates each entry as it is
+// read, which takes 1.5 microseconds, so this meter is slow.
 std::optional<std::int32_t> processes(meter_state&) {
   const std::unique_ptr<DIR, decltype([](DIR* directory) { closedir(directory); })> proc(
       opendir("/proc"));
@@ -240,7 +241,7 @@ std::string file_content(const char* path) {
 
 std::tm local_time_at(std::time_t time) {
   std::tm local{};
-  tzset();  // which sees that the zone has changed; localtime_r need not
+  tzset();  // notices a changed zone; localtime_r need not
   localtime_r(&time, &local);
   return local;
 }

@@ -16,9 +16,9 @@ namespace {
 
 constexpr unsigned longest_period_ms = 3'600'000;
 constexpr std::size_t longest_name = sizeof torvasin_plugin_context::name - 1;
-constexpr int most_niceness = 39;  // from the least to the greatest
+constexpr int most_niceness = 39;  // from the lowest nice value to the highest
 
-// Turns the name of a level into its number, which may be given as well.
+// Turns the name of a level into its number. Accepts the number too.
 std::string take_level(std::string& level) {
   for (int number = 1; number <= log_off; ++number) {
     const std::string digit = std::to_string(number);
@@ -81,7 +81,7 @@ void add_modes(CLI::App& app, options& parsed) {
       ->option_text("[=ini]");
 }
 
-// An empty argument, such as a variable of a shell that is not set, names nothing.
+// Refuses empty arguments: they come from unset variables of a shell.
 bool has_empty(int argc, const char* const* argv) {
   return std::any_of(argv, argv + argc, [](const char* argument) { return *argument == '\0'; });
 }

@@ -13,7 +13,7 @@
 namespace torvasin_host {
 
 struct options {
-  std::string module;  // path; when empty, the module that goes with the program
+  std::string module;  // path; if empty, the module installed with the program
   std::string conf_file = "snmpmanager.ini";
   std::optional<std::uint32_t> affinity;
   std::optional<std::int32_t> renice;
@@ -22,7 +22,7 @@ struct options {
   unsigned slow_ms = 10000;
   int log_level = TORVASIN_LOG_WARNING;  // or log_off
   bool version = false;
-  std::string list_meters;  // "table" or "ini"; when empty, there is no list
+  std::string list_meters;  // "table" or "ini"; if empty, no list is wanted
 };
 
 // Exit statuses of the program.
@@ -32,8 +32,8 @@ struct usage_error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Reads the command line. Returns false after a help text on standard output, when there is nothing
-// else to do. Throws usage_error.
+// Reads the command line. Returns false if it printed the help, so that nothing is left to do.
+// Throws usage_error.
 bool parse_options(int argc, const char* const* argv, options& parsed);
 
 }  // namespace torvasin_host

@@ -6,7 +6,7 @@
 namespace torvasin_host {
 
 plugin::plugin(const std::string& name, meter_engine& engine, const std::filesystem::path& path)
-    // An absolute path: a bare file name would be searched for among the system's libraries.
+    // dlopen would look for a bare file name among the system's libraries.
     : library_(dlopen(std::filesystem::absolute(path).c_str(), RTLD_NOW | RTLD_LOCAL)) {
   if (library_ == nullptr) {
     throw std::runtime_error(std::string("cannot load the module: ") + dlerror());

@@ -1,4 +1,4 @@
-// A module instance: the loaded library, its entries and the plug-in context they share.
+// A module instance: the loaded library, its entries and their plug-in context.
 
 #ifndef TORVASIN_HOST_PLUGIN_H
 #define TORVASIN_HOST_PLUGIN_H
@@ -17,28 +17,28 @@ namespace torvasin_host {
 
 using torvasin_engine::meter_engine;
 
-// Not synchronised: all calls belong to one thread. Stops and unloads itself when it is destroyed,
-// before which the engine must not end.
+// Not synchronised: make all calls on one thread. The destructor stops and unloads the module; the
+// engine must outlive it.
 class plugin {
  public:
-  // Loads a library and checks that it has all a module needs. Throws std::runtime_error with one
-  // line that names the path. The name is cut to the 39 characters that a context holds.
+  // Loads a library and checks that it is a complete module. Throws std::runtime_error with one
+  // line that names the path. The context holds 39 characters of the name; the rest is cut.
   plugin(const std::string& name, meter_engine& engine, const std::filesystem::path& path);
   plugin(const plugin&) = delete;  // the module knows the address of the context
   plugin& operator=(const plugin&) = delete;
   ~plugin() { stop(); }
 
-  // The module's own version, or an empty text when it gives none.
+  // The version that the module reports, or an empty text.
   const char* version() const { return version_; }
 
-  // Calls startCycle. Returns its status: anything but 0 is a failure, after which the module is
-  // not entered again unless it is started again. The module must not be running.
+  // Calls startCycle and returns its status. After a failure, anything but 0, no entry is called
+  // until the next start. The module must not be running.
   std::int32_t start_cycle(const torvasin_key_value_list& list);
 
   // Calls startThread, once the module runs.
   void start_thread() { entry_->startThread(&context_); }
 
-  // Calls preStopCycle and stopCycle. Does nothing when the module is not running.
+  // Calls preStopCycle and stopCycle if the module is running.
   void stop();
 
  private:

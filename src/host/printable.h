@@ -1,4 +1,4 @@
-// Texts that hold anything, made fit for a terminal and for a file of lines.
+// Makes any text safe to show on a terminal and to write to a file of lines.
 
 #ifndef TORVASIN_HOST_PRINTABLE_H
 #define TORVASIN_HOST_PRINTABLE_H
@@ -8,8 +8,8 @@
 
 namespace torvasin_host {
 
-// A text with its control characters, and octets that are not UTF-8, escaped as "\n", "\x1b" or
-// "\u200e"; so are quotation marks and backslashes.
+// Escapes control characters, and octets that are not UTF-8, as "\n", "\x1b" or "\u200e", and puts
+// a backslash before quotation marks and backslashes.
 std::string printable(std::string_view text);
 
 }  // namespace torvasin_host

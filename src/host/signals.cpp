@@ -13,8 +13,7 @@ namespace {
 
 constexpr std::timespec patience = {1, 0};
 
-// Those of the signals that the program was not started to ignore, as nohup and the "&" of a script
-// have it.
+// The signals that are not ignored. nohup, and "&" in a script, start programs with some ignored.
 sigset_t heeded(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
@@ -39,7 +38,8 @@ bool has_terminal() {
 
 bool had_terminal = false;
 
-// A terminal that is closed tells the processes in its foreground, and its shell tells the others.
+// When a terminal closes, the kernel signals the processes in its foreground, and the shell signals
+// the others.
 bool is_hang_up(const siginfo_t& info) {
   return info.si_code == SI_KERNEL || (had_terminal && info.si_pid == getsid(0) && !has_terminal());
 }

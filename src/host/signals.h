@@ -1,5 +1,5 @@
-// SIGTERM, SIGINT and SIGHUP, which the main thread takes one at a time. One that the program was
-// started to ignore stays ignored.
+// SIGTERM, SIGINT and SIGHUP, which the main thread takes one at a time. A signal stays ignored if
+// the program was started with it ignored.
 
 #ifndef TORVASIN_HOST_SIGNALS_H
 #define TORVASIN_HOST_SIGNALS_H
@@ -8,14 +8,15 @@
 
 namespace torvasin_host {
 
-// Blocks them here, and in every thread that is made later.
+// Blocks them on this thread, and on every thread created afterwards.
 void block_signals();
 
-// Waits for one, a second at most. Returns its number, or 0. SIGHUP asks for a reload; when a
-// terminal is closed, it counts as SIGTERM. For the main thread, after block_signals.
+// Waits up to a second for a signal. Returns its number, or 0. SIGHUP asks for a reload; if it
+// comes from a terminal that was closed, SIGTERM is returned instead. For the main thread, after
+// block_signals.
 int next_signal();
 
-// While it exists, SIGTERM and SIGINT end the process at once, with the status 0.
+// While it exists, SIGTERM and SIGINT end the process at once, with status 0.
 class ended_by_signals {
  public:
   ended_by_signals();

@@ -39,7 +39,7 @@ using namespace torvasin_engine;
 
 namespace {
 
-// Tells systemd, if it has started the program: sd_notify(3) has the words.
+// Informs systemd, if it started the program. sd_notify(3) defines the states.
 void notify([[maybe_unused]] const std::string& state) {
 #ifdef TORVASIN_SYSTEMD
   sd_notify(0, state.c_str());
@@ -55,7 +55,7 @@ number_set without(const number_set& all, const number_set& some) {
   return rest;
 }
 
-// The entries of a directory of /proc that are named by numbers.
+// The entries of a directory of /proc whose names are numbers.
 number_set numbers_in(const char* directory) {
   number_set numbers;
   std::error_code error;
@@ -89,8 +89,7 @@ number_set udp_sockets() {
   return sockets;
 }
 
-// Where sockets are bound: only they tell, when a configuration leaves the choice of the port to
-// the system.
+// Where sockets are bound. The configuration does not tell if it leaves the port to the system.
 std::string addresses(const number_set& sockets) {
   std::string all;
   for (const int fd : sockets) {
@@ -103,8 +102,8 @@ std::string addresses(const number_set& sockets) {
   return all.empty() ? "no UDP socket" : all;
 }
 
-// A module changes the niceness of its own thread and may keep quiet about a refusal. Niceness is a
-// thread's own on Linux, so a thread that is thrown away can try first.
+// A module changes the niceness of its own thread, and may not report a refusal. On Linux each
+// thread has its own niceness, so a thread that ends at once can try first.
 std::string renice_fault(std::int32_t renice) {
   int refused = 0;
   std::thread([&] {
@@ -125,7 +124,7 @@ bool is_regular(const std::string& path) {
   return std::filesystem::is_regular_file(path, error);
 }
 
-// A copy of a regular file, in memory, or null.
+// Copies a regular file into memory. Returns null for any other.
 kept_file keep(const std::string& path) {
   if (!is_regular(path)) return nullptr;
   kept_file copy(fdopen(memfd_create("running", MFD_CLOEXEC), "w"));
@@ -163,11 +162,12 @@ class supervisor {
   plugin& module_;
   meter_engine& engine_;
   stderr_log& log_;
-  std::array<meter_state, 2> meters_;  // by speed; counters go on over a reload
-  kept_file running_;                  // the configuration that the module was started with
+  std::array<meter_state, 2> meters_;  // by speed; kept over reloads, so that counters continue
+  kept_file running_;                  // the configuration that the module runs with
 };
 
-// Starts module and meters. Returns where they answer. Throws std::runtime_error.
+// Starts module and meters. Returns the notice that says where they answer. Throws
+// std::runtime_error.
 std::string supervisor::start(const std::string& conf_file) {
   torvasin_key_value_list list;
   list.set("conf_file", conf_file);
@@ -175,7 +175,7 @@ std::string supervisor::start(const std::string& conf_file) {
   if (given_.renice) list.set("renice", *given_.renice);
   const number_set sockets_before = udp_sockets();
   {
-    const ended_by_signals now;  // the module may read a pipe that nobody writes to
+    const ended_by_signals now;  // the module may wait for a pipe that nobody writes to
     const log_capture reason(log_capture::pass);
     const std::int32_t status = module_.start_cycle(list);
     if (status != 0) {
@@ -184,11 +184,11 @@ std::string supervisor::start(const std::string& conf_file) {
                                            reason.last_words()));
     }
   }
-  // Before the module answers, so that no client sees the first values of items.
+  // Publishes before the module answers, so that no client sees first values.
   engine_.start(given_.fast_ms, given_.slow_ms, [this](int speed, torvasin_key_value_list& values) {
     sample_meters(speed, meters_.at(static_cast<std::size_t>(speed)), values);
   });
-  // An entry that starts a thread has no status.
+  // startThread returns no status, so look for a new thread.
   const number_set threads_before = threads();
   module_.start_thread();
   const number_set threads_now = threads();
@@ -199,14 +199,14 @@ std::string supervisor::start(const std::string& conf_file) {
                      addresses(without(udp_sockets(), sockets_before)));
 }
 
-// The module first: as long as it runs it may count on its meters. The engine's threads must be
-// gone before the library is, with any callback that it left behind.
+// Stops the module first: it relies on its meters while it runs. The engine's threads must end
+// before the library is unloaded, because the module may have left callbacks behind.
 void supervisor::stop() {
   module_.stop();
   engine_.stop();
 }
 
-// Whether a configuration can be read. A pipe has been read already.
+// Whether the configuration can be read again. A pipe cannot: the start has emptied it.
 bool supervisor::may_reload() {
   std::string fault = file_fault(given_.conf_file);
   if (fault.empty() && !is_regular(given_.conf_file)) fault = "Not a regular file";
@@ -215,7 +215,7 @@ bool supervisor::may_reload() {
   return false;
 }
 
-// Starts what was stopped for a reload: with the file as it is now or, when that fails, as it was.
+// Starts again for a reload: with the file as it is now or, if that fails, as it was before.
 std::string supervisor::restart() {
   kept_file next = keep(given_.conf_file);
   try {
