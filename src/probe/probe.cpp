@@ -1,7 +1,7 @@
-// The probe: a module that serves nothing. A host loads it in place of the agent, with the same
-// configuration, to learn whether it keeps the contract of module/torvasin.h. It calls the host
-// functions from the entries, callbacks and threads that may call them, and checks what comes. It
-// says at once which duty the host breaks, and lists all duties when no instance is left.
+// The probe: a module that serves nothing. A host loads it instead of the agent, with the same
+// configuration, to learn whether the host keeps the contract of module/torvasin.h. The probe calls
+// the host functions from the entries, callbacks and threads that may call them, and checks what
+// they do. It reports a broken duty at once, and lists all duties when no instance is left.
 
 #include <ini.h>
 #include <stdlib.h>
@@ -15,7 +15,8 @@ using namespace torvasin_probe;
 
 namespace {
 
-// The checks of host functions are for startCycle. They give back what they take.
+// The checks of host functions run in startCycle, check_blocks in stopCycle too. They free what
+// they allocate.
 void check_log() {
   for (int level = TORVASIN_LOG_TRACE; level <= TORVASIN_LOG_FAILURE; level++) {
     for (int round = 0; round < 5; round++) log(level, "");
@@ -30,20 +31,20 @@ bool is_filled(const void* block, int octet, size_t size) {
   return std::all_of(octets, octets + size, [=](unsigned char one) { return one == octet; });
 }
 
-// A block stays where it is if the host has no memory.
+// When the host has no memory, the block stays as it is.
 void resize(void** block, int octet, size_t from, size_t to) {
   void* resized = CALL(torvasin_realloc, *block, to);
   const duty one = resized != nullptr ? duty_content : duty_refusal;
   if (resized != nullptr) *block = resized;
   EXPECT(one, is_filled(*block, octet, resized != nullptr ? std::min(from, to) : from),
-         "torvasin_realloc from %zu to %zu octets changed them", from, to);
+         "torvasin_realloc from %zu to %zu octets changed it", from, to);
 }
 
 void check_blocks() {
   void* resized = CALL_OF(" of null", torvasin_realloc, nullptr, 24);
   void* block = CALL(torvasin_malloc, 24);
   if (resized != nullptr || block != nullptr)
-    EXPECT(duty_grows, resized != nullptr, "it gave null");
+    EXPECT(duty_grows, resized != nullptr, "it returned null");
   for (void* one : {resized, block}) CALL(torvasin_free, one);
   constexpr std::array<size_t, 7> sizes = {1, 7, 24, 100, 4096, 5000, 200'000};
   std::array<void*, sizes.size()> blocks;
@@ -71,7 +72,7 @@ void expect_number(const torvasin_value& value, uint32_t type, uint32_t bits) {
          "%08x of type %u became %08x of type %u", bits, type, value.payload.uint32, value.type);
 }
 
-// An empty text tells nothing: the host may have no memory for another.
+// An empty text proves nothing: the host may have had no memory for the right one.
 void expect_text(const torvasin_value& value, const char* text, duty one) {
   const step here("reading the text of a record", one);
   const bool is_text = value.type == TORVASIN_TEXT && value.payload.text != nullptr;
@@ -80,7 +81,7 @@ void expect_text(const torvasin_value& value, const char* text, duty one) {
          "a record of type %u lacked its text of %zu octets", value.type, strlen(text));
 }
 
-// Sets a record to a text, which ends then. In a callback too.
+// Sets a record to a text, which ends with this call. Callbacks use it too.
 void set_text(torvasin_value* value, std::string text, duty copied) {
   const std::string kept = text;
   CALL(torvasin_valueInitS, value, text.c_str());
@@ -106,7 +107,7 @@ void check_values() {
   auto* values =
       static_cast<torvasin_value*>(CALL(torvasin_malloc, texts.size() * sizeof(torvasin_value)));
   if (values == nullptr) return;
-  // The worst that memory can hold before its records are set is what looks like a text.
+  // The most harmful content of new memory is one that looks like a text.
   memset(values, 0xA5, texts.size() * sizeof *values);
   for (size_t i = 0; i < texts.size(); i++) values[i].type = TORVASIN_TEXT;
   CALL(torvasin_valueInitUInt32, &values[0], UINT32_MAX);
@@ -122,7 +123,7 @@ void check_values() {
   for (const size_t count : {1000 * texts.size(), texts.size()}) {
     void* moved = CALL(torvasin_realloc, values, count * sizeof *values);
     if (moved != nullptr) values = static_cast<torvasin_value*>(moved);
-    // A text that may lie where one would that ended.
+    // Its copy may land where a text was that the host has released by mistake.
     auto* other = static_cast<torvasin_value*>(CALL(torvasin_malloc, sizeof *values));
     if (other != nullptr) set_text(other, "another", duty_copies);
     CALL(torvasin_free, other);
@@ -133,13 +134,13 @@ void check_values() {
   CALL(torvasin_free, values);
 }
 
-// Asks for a key in each way. Returns the value, or null when the list does not have it.
+// Looks a key up with each function. Returns the value, or null when the list does not have it.
 const torvasin_value* look_up(const torvasin_key_value_list* list, const char* key) {
   const torvasin_value* value = nullptr;
   const char* text = nullptr;
   uint32_t number = 0;
   const int got = CALL(torvasin_keyValueListGet, list, key, &value);
-  if (got == 0) EXPECT(duty_get, value != nullptr, "for '%.40s' it returned 0 alone", key);
+  if (got == 0) EXPECT(duty_get, value != nullptr, "for '%.40s' it only returned 0", key);
   const int got_text = CALL(torvasin_keyValueListGetS, list, key, &text);
   const int got_number = CALL(torvasin_keyValueListGetIU, list, key, &number);
   if (got != 0 && got_text != 0 && got_number != 0) return nullptr;
@@ -173,26 +174,26 @@ struct registration {
   struct instance* owner;
   int speed;
   void* handle;
-  torvasin_value* record;         // of one call, or null without memory
+  torvasin_value* record;         // for the one call that took record_used; null without memory
   std::atomic<bool> record_used;  // calls may overlap
   std::atomic<bool> open;         // from before it is added until it is removed
   std::atomic<bool> outlived;     // another one of the engine was removed after the last call
   std::atomic<int> running;       // calls in progress
-  std::atomic<int> called;        // calls
-  std::atomic<pthread_t> caller;  // the thread of the last one
-  std::atomic<long> last;         // its time
-  std::atomic<long> longest;      // time from one call to the next
+  std::atomic<int> called;        // calls so far
+  std::atomic<pthread_t> caller;  // the thread of the last call
+  std::atomic<long> last;         // the time of the last call, ms
+  std::atomic<long> longest;      // the longest time from one call to the next, ms
 };
 
 struct item {
   std::string meter;
   int speed;
-  std::atomic<bool> seen;  // in a list of its speed
+  std::atomic<bool> seen;  // a list of its speed contained the meter
 };
 
-// A start. It stays until the process ends, for calls that come too late.
+// One start. It is never freed, because calls may come too late.
 struct instance {
-  std::atomic<torvasin_plugin_context*> context;  // null when it is stopped
+  std::atomic<torvasin_plugin_context*> context;  // null once it is stopped
   torvasin_plugin_context as_started;
   std::atomic<const char*> stage;
   std::atomic<bool> entered;
@@ -200,15 +201,15 @@ struct instance {
   registration fast;
   std::vector<std::thread> pollers;
   std::atomic<bool> polling;
-  std::map<std::string, item> items;  // of the configuration, by name
+  std::map<std::string, item> items;  // of the configuration, by section
   int files_read;
   instance* next;
 };
 std::atomic<instance*> instances;
 std::atomic<int> callbacks_running;
-std::atomic<bool> log_wanted;  // from another thread
+std::atomic<bool> log_wanted;  // a callback wants other threads to log meanwhile
 
-// inih's callback. Files may include one another without an end: the agent reads no more than 256.
+// inih's callback. Files may include one another endlessly; like the agent, reads at most 256.
 int take_key(void* user, const char* section, const char* key, const char* value) {
   auto* self = static_cast<instance*>(user);
   const bool include = strcmp(section, "General") == 0 && strcmp(key, "include") == 0;
@@ -234,7 +235,7 @@ void read_list(instance* self, const torvasin_key_value_list* list) {
   take_key(self, "General", "include", path);
 }
 
-// Takes the values of all items of a speed, as the agent does. Returns a sum of them.
+// Reads the values of all items of a speed, as the agent does. Returns a hash of them.
 size_t take_values(registration* from, const torvasin_key_value_list* list, bool set) {
   size_t sum = 0;
   for (auto& [name, one] : from->owner->items) {
@@ -245,7 +246,7 @@ size_t take_values(registration* from, const torvasin_key_value_list* list, bool
     const bool is_text = value->type == TORVASIN_TEXT;
     sum = sum * 31 + value->type + (is_text ? 0 : value->payload.uint32);
     if (!is_text) continue;
-    EXPECT(duty_texts, value->payload.text != nullptr, "the one of '%s' is", one.meter.c_str());
+    EXPECT(duty_texts, value->payload.text != nullptr, "the text of '%s' is", one.meter.c_str());
     if (value->payload.text == nullptr) continue;
     const step here("reading a value of a list", duty_unchanged);
     sum = sum * 31 + std::hash<std::string_view>()(value->payload.text);
@@ -254,7 +255,7 @@ size_t take_values(registration* from, const torvasin_key_value_list* list, bool
   return sum;
 }
 
-// Takes some milliseconds, so that another thread makes calls at the same time.
+// Takes some milliseconds, so that calls on other threads overlap with it.
 void take_list(registration* one, const torvasin_key_value_list* list) {
   look_up_odd_keys(list);
   log(TORVASIN_LOG_TRACE, "a line of a callback");
@@ -300,7 +301,7 @@ int on_meters(const torvasin_key_value_list* list, void* user) {
   return 0;
 }
 
-// False when the host refuses, which it may when it has another instance.
+// Registers a callback. Returns false when the host refuses, as it may when another instance runs.
 bool add(registration* one, int speed) {
   one->speed = speed;
   one->open = true;
@@ -315,7 +316,7 @@ bool add(registration* one, int speed) {
   return added;
 }
 
-// Calls during a callback, if one comes on another thread.
+// Makes a call during a callback on another thread, if one begins within wait_ms; else without one.
 void call_during_callback(long wait_ms, auto call) {
   for (; wait_ms > 0 && callbacks_running == 0; wait_ms--) usleep(1000);
   const bool any = callbacks_running > 0;
@@ -333,14 +334,15 @@ bool add_all(instance* self) {
   return self->fast.handle != nullptr;
 }
 
-// A call that is long overdue does not come any more. A second one tells the period.
+// Whether the next call is so late that it will not come. The period is known from two calls on.
 bool is_overdue(const registration& one) {
   const long first_limit = one.speed == TORVASIN_FAST ? 10'000 : 60'000;
   const long limit = one.called > 1 ? std::max(10 * one.longest, 3000L) : first_limit;
   return one.called > 0 && milliseconds() - one.last > limit;
 }
 
-// With a null handle it removes nothing. All others of the engine have to be called again.
+// Removes a registration; with a null handle only makes the call. Afterwards the host must go on
+// calling all other registrations of the engine.
 void remove(registration* one, void* handle) {
   void* engine = one->owner->as_started.engine;
   const bool during = one->running > 0;
@@ -349,7 +351,7 @@ void remove(registration* one, void* handle) {
   step(what, duty_returns), torvasin_engine_rmCallbackMeterManager(engine, handle);
   if (handle != nullptr) {
     one->open = false;
-    if (during) EXPECT(duty_idle, one->running == 0, "one ran");
+    if (during) EXPECT(duty_idle, one->running == 0, "one was");
     if (one->called > 0) judge(duty_after, true);
   }
   for (instance* self = instances; self != nullptr; self = self->next) {
@@ -360,7 +362,7 @@ void remove(registration* one, void* handle) {
   }
 }
 
-// Removes the fast registration during a callback, if the host calls on other threads now.
+// Removes the fast registration during a callback, if the host runs those on other threads.
 void remove_all(instance* self) {
   registration* fast = &self->fast;
   remove(fast, nullptr);
@@ -370,7 +372,7 @@ void remove_all(instance* self) {
   call_during_callback(period, check_blocks);
   for (long ms = period; ms > 0 && fast->running == 0; ms--) usleep(1000);
   remove(fast, fast->handle);
-  usleep(static_cast<useconds_t>(1000 * period));  // for a call that should not come
+  usleep(static_cast<useconds_t>(1000 * period));  // lets a call come that must not
   for (registration* one : {&self->slow, fast}) CALL(torvasin_free, one->record);
 }
 
@@ -399,23 +401,23 @@ void end_pollers(instance* self) {
   self->pollers.clear();
 }
 
-// Finds and checks the instance of an entry, which must be in one of some stages, and brings it
-// into the next, if there is one. Null when the context is that of no instance.
+// Finds the instance of a context, checks that it is in one of the allowed stages and puts it into
+// the next. With a null next, only finds it. Returns null when no started instance has the context.
 instance* enter(const char* entry, const torvasin_plugin_context* context, const char* allowed,
                 const char* next) {
   EXPECT(duty_calls, this_thread().what == nullptr, "it called %s", entry);
   instance* self = instances;
   while (self != nullptr && self->context != context) self = self->next;
   if (next == nullptr) return self;
-  EXPECT(duty_address, self != nullptr, "%s got one that is not started", entry);
+  EXPECT(duty_address, self != nullptr, "%s got one where no instance is started", entry);
   if (self == nullptr) return nullptr;
   const char* stage = self->stage.exchange(next);
   EXPECT(duty_order, strstr(allowed, stage) != nullptr, "%s came when it was %s", entry, stage);
-  EXPECT(duty_single, !self->entered.exchange(true), "%s came during another", entry);
+  EXPECT(duty_single, !self->entered.exchange(true), "%s came during another entry", entry);
   const torvasin_plugin_context& then = self->as_started;
   const bool same = strncmp(context->name, then.name, sizeof then.name) == 0 &&
                     context->engine == then.engine && context->private_data == self;
-  EXPECT(duty_context, same, "%s of '%.39s' got another", entry, then.name);
+  EXPECT(duty_context, same, "%s of '%.39s' got others", entry, then.name);
   return self;
 }
 
@@ -442,7 +444,7 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
   self->next = instances;
   while (!instances.compare_exchange_weak(self->next, self)) continue;
   const bool ends = memchr(context->name, '\0', sizeof context->name) != nullptr;
-  EXPECT(duty_name, ends, "'%.40s' does not", context->name);
+  EXPECT(duty_name, ends, "'%.40s' is not", context->name);
   if (first) begin_watch(), check_log();
   check_blocks();
   check_values();
@@ -480,7 +482,8 @@ void stopCycle(torvasin_plugin_context* context, int32_t) {
     if (one.meter.empty()) continue;
     wanted++;
     seen += one.seen ? 1 : 0;
-    if (!one.seen) say(TORVASIN_LOG_WARNING, "no list of its speed had '%s'", one.meter.c_str());
+    if (!one.seen)
+      say(TORVASIN_LOG_WARNING, "no list of its speed contained '%s'", one.meter.c_str());
   }
   say(TORVASIN_LOG_WARNING, "%.39s: %d fast and %d slow lists with %d of %d meters", context->name,
       self->fast.called.load(), self->slow.called.load(), seen, wanted);
@@ -491,7 +494,7 @@ void stopCycle(torvasin_plugin_context* context, int32_t) {
 
 // The library stays loaded until the process ends. This runs after the host's exit handlers.
 [[gnu::destructor]] void end() {
-  started_instances = 0;  // no log any more
+  started_instances = 0;  // the log must not be called any more
   for (instance* one = instances; one != nullptr; one = one->next) {
     one->polling = false;
     if (one->context == nullptr) continue;
