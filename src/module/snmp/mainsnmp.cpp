@@ -24,8 +24,8 @@
 
 // ---- Shared helpers ----------------------------------------------------------------------------
 //
-// What more than one of the sections below needs. All other helpers belong to one section. The
-// sections call one another only through the functions of mainsnmp.h.
+// Helpers that several sections below use; all others belong to one section. The sections call one
+// another only through the functions of mainsnmp.h.
 
 namespace {
 
@@ -52,7 +52,7 @@ int32_t retry(int (*operation)(pthread_mutex_t*), pthread_mutex_t* lock) {
   return result;
 }
 
-// The poller goes on while its run flag is 1. startThread and preStopCycle set the flag.
+// The poller runs while its run flag is 1. startThread sets the flag, preStopCycle clears it.
 bool running(snmp_module* module) {
   return std::atomic_ref<int32_t>(module->run).load() == 1;
 }
@@ -61,9 +61,9 @@ void set_running(snmp_module* module, int32_t run) {
   std::atomic_ref<int32_t>(module->run).store(run);
 }
 
-// While one of these lives, its thread computes as every thread does at first: no exception traps
-// and results are rounded to the nearest. A host may have chosen otherwise for its own numbers, and
-// its choice must neither change what a formula gives nor let 1/0 end the process.
+// While one of these exists, its thread computes in the default floating-point environment: no
+// exception traps, and results are rounded to the nearest. A host may have chosen another
+// environment, which must neither change the results of formulas nor let 1/0 end the process.
 class default_arithmetic {
  public:
   default_arithmetic() {
@@ -82,13 +82,13 @@ class default_arithmetic {
 
 // ---- Item store --------------------------------------------------------------------------------
 //
-// Finds an item by its name or creates it, links and checks the items once the configuration is
-// read, and releases them.
+// Finds or creates an item by name, links and checks the items once the configuration is read, and
+// releases them.
 
 namespace {
 
-// Makes room for one more entry. Returns false and leaves the table as it was when there is no
-// memory.
+// Makes room for one more entry. When there is no memory, returns false and leaves the table
+// unchanged.
 template <typename entry>
 bool grow(entry** table, uint32_t count) {
   void* grown = torvasin_realloc(*table, (size_t{count} + 1) * sizeof(entry));
@@ -100,7 +100,7 @@ bool grow(entry** table, uint32_t count) {
 }  // namespace
 
 int32_t get_or_create_item(snmp_module* module, const char* name) {
-  // The keys of a section follow one another, so the wanted item is nearly always the last one.
+  // The keys of a section are in a row, so the wanted item is nearly always the last one.
   for (uint32_t i = module->item_count; i > 0; i--) {
     if (strcmp(module->bindings[i - 1].name, name) == 0) return static_cast<int32_t>(i - 1);
   }
@@ -161,13 +161,12 @@ void release_items(snmp_module* module) {
 
 // ---- Value writers -----------------------------------------------------------------------------
 //
-// Works out the current value of an item, applies its formula, and writes the result into a
-// response.
+// Compute the current value of an item, formula included, and write it into a response.
 
 namespace {
 
-// Works out the number that an item serves, limited to the range of its type. A double holds every
-// value of the three numeric tags exactly.
+// Returns the number that an item serves, limited to the range of its type. A double represents
+// every value of the three numeric tags exactly.
 template <typename number>
 number item_number(const snmp_meter_binding* binding) {
   using limits = std::numeric_limits<number>;
@@ -216,7 +215,7 @@ int32_t encode_item_string(ber_tlv* destination, size_t capacity, size_t* size_o
     SNMP_LOG(FAILURE, "programming error %d", __LINE__);
   }
   const size_t length = strlen(text);
-  if (length > BER_MAX_LENGTH) capacity = 0;  // such a text has no encoding, so no room is enough
+  if (length > BER_MAX_LENGTH) capacity = 0;  // such a text has no encoding: refuse to write it
   return write_value(destination, capacity, size_out, get_strlen(length),
                      [text, length](ber_tlv* at) { encode_str(at, text, length); });
 }
@@ -239,8 +238,8 @@ bool item_takes(snmp_item_type type, uint32_t tag) {
 
 namespace {
 
-// Stores a meter's value in the item as it is, if the item takes its tag. It is converted, and the
-// formula applied, when the item is served.
+// Stores a meter's raw value in the item, if the item takes its tag. Conversion and formula follow
+// when the item is served.
 void take_meter_value(snmp_meter_binding* binding, const torvasin_value* meter) {
   if (!item_takes(static_cast<snmp_item_type>(binding->type), meter->type)) return;
   binding->refreshed = 1;
@@ -288,13 +287,13 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user) {
 
 // ---- Configuration -----------------------------------------------------------------------------
 //
-// Reads the configuration file and applies each of its key lines to the module or to an item.
+// Reads the configuration file and applies each key line to the module or to an item.
 
 namespace {
 
 using std::string_view;
 
-// One key line of a file. The texts belong to inih and are valid during the call.
+// One key line of a file. The texts belong to inih and are valid only while its callback runs.
 struct key_line {
   torvasin_plugin_context* context;
   const char* section;
@@ -302,8 +301,7 @@ struct key_line {
   const char* value;
 };
 
-// Logs a message about a key line. It begins with the line's texts and ends with the literal
-// `what`.
+// Logs a message about a key line: the line's texts, then the literal `what`.
 #define KEY_LOG(level, line, what, ...)                                             \
   SNMP_LOG(level, "%s(%s, %s, %s, %s" what, "ini_handler_cb", (line).context->name, \
            (line).section, (line).key, (line).value __VA_OPT__(, ) __VA_ARGS__)
@@ -314,7 +312,7 @@ constexpr string_view int_prefix = "int:";
 constexpr string_view uint_prefix = "uint:";
 constexpr string_view string_prefix = "string:";
 
-// Returns the rest of a text behind a prefix, or null when the text does not begin with the prefix.
+// Returns the rest of a text after a prefix, or null when the text does not begin with the prefix.
 const char* after(const char* text, string_view prefix) {
   return strncmp(text, prefix.data(), prefix.size()) == 0 ? text + prefix.size() : nullptr;
 }
@@ -356,7 +354,7 @@ void set_type(snmp_meter_binding* binding, snmp_item* item, uint32_t type,
   item->writer = writer;
 }
 
-// Sets the type of an item whose default value has just been set. The value's tag tells the type.
+// Sets the type of an item whose default value has just been set, by the value's tag.
 void apply_typed_default(const key_line& line, snmp_meter_binding* binding, snmp_item* item) {
   switch (binding->value.type) {
     case TORVASIN_UINT32:
@@ -405,7 +403,7 @@ void apply_formula(const key_line& line, snmp_module* module, snmp_meter_binding
   constexpr int variables = 1;
   int error = 0;
   {
-    const default_arithmetic arithmetic;  // the compiler computes what is constant
+    const default_arithmetic arithmetic;  // te_compile computes constant parts
     binding->formula = te_compile(line.value, &module->formula_vars, variables, &error);
   }
   if (binding->formula == nullptr) {
@@ -440,7 +438,7 @@ void apply_item_key(const key_line& line, snmp_module* module, const char* name)
   }
 }
 
-// Reads one sub-identifier and the dot behind it, if there is one. Moves *text past them.
+// Reads one sub-identifier and the dot after it, if any. Moves *text past them.
 bool read_subid(const char** text, uint32_t* subid) {
   char* end;
   const unsigned long number = strtoul(*text, &end, 10);
@@ -513,8 +511,8 @@ int ini_handler_cb(void* user, const char* section, const char* key, const char*
 
 int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
   snmp_module* module = module_of(context);
-  // Without the first limit, a file that includes itself would be opened until the process has no
-  // descriptor left. Without the second, one that includes itself twice would be read 65,535 times.
+  // Without the first limit, a file that includes itself would use up all descriptors of the
+  // process. Without the second, a file that includes itself twice would be read 65,535 times.
   if (module->open_files == MAX_OPEN_FILES || module->files_read == MAX_FILES) {
     SNMP_LOG(ERROR, "%s not read: more than %u files inside one another or %u in all", path,
              MAX_OPEN_FILES, MAX_FILES);
@@ -540,8 +538,8 @@ int32_t parse_config_file(torvasin_plugin_context* context, const char* path) {
 
 // ---- Poller ------------------------------------------------------------------------------------
 //
-// The thread that receives datagrams and answers them: its CPU mask and niceness, its loop, and the
-// sending of a response.
+// The thread that receives and answers datagrams: sets its CPU mask and niceness, loops, and sends
+// the responses.
 
 namespace {
 
@@ -582,7 +580,7 @@ unsigned port_of(const sockaddr_in* peer) {
   return ntohs(peer->sin_port);
 }
 
-// Answers one datagram. The response is written over the request, in the same buffer.
+// Answers one datagram. The response overwrites the request in the same buffer.
 void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
                      uint8_t (&packet)[SNMP_MAX_DATAGRAM], size_t received) {
   char address[IP_TEXT_SIZE];
@@ -600,7 +598,7 @@ void handle_datagram(snmp_module* module, snmp_send_ctx* sender,
 
 }  // namespace
 
-// This runs twice for each datagram, and inet_ntop is much slower.
+// Instead of inet_ntop, which is much slower: this runs twice for each datagram.
 const char* write_address(in_addr address, char (&text)[IP_TEXT_SIZE]) {
   const auto* octets = reinterpret_cast<const uint8_t*>(&address);
   const auto digit = [](unsigned number) { return static_cast<char>('0' + number % 10); };
@@ -635,7 +633,7 @@ int32_t minimal_snmp_send(void* context, const uint8_t* message, size_t length) 
 void* module_thread_loop(void* argument) {
   const auto* context = static_cast<torvasin_plugin_context*>(argument);
   snmp_module* module = module_of(context);
-  const default_arithmetic arithmetic;  // it computes every formula that is served
+  const default_arithmetic arithmetic;  // this thread evaluates every formula that is served
   if (module->affinity >= 1) apply_affinity(module->affinity);
   if (module->renice != 0) apply_niceness(module->renice);
 
@@ -649,7 +647,7 @@ void* module_thread_loop(void* argument) {
       handle_datagram(module, &sender, packet, static_cast<size_t>(received));
     } else if (received < 0 && errno != EAGAIN) {
       SNMP_LOG(TRACE, "%s(%p) error receive: %d %s", loop_name, argument, errno, strerror(errno));
-      usleep(1);  // an error that lasts must not take the whole CPU
+      usleep(1);  // a permanent error must not take the whole CPU
     }
   }
   SNMP_LOG(TRACE, "%s(%p) end", loop_name, argument);
@@ -658,7 +656,7 @@ void* module_thread_loop(void* argument) {
 
 // ---- Entries -----------------------------------------------------------------------------------
 //
-// What the host calls to start and to stop an instance, and the descriptor in which it finds them.
+// The functions that start and stop an instance, and the table through which the host calls them.
 
 namespace {
 
@@ -666,10 +664,10 @@ constexpr char default_config_file[] = "snmpmanager.ini";
 constexpr char default_ip[] = "127.0.0.1";
 constexpr uint16_t default_port = 161;
 constexpr timeval receive_timeout = {1, 0};  // bounds how long a stop takes
-constexpr timeval send_timeout = {0, 1000};  // bounds how long a slow network keeps the lock taken
+constexpr timeval send_timeout = {0, 1000};  // bounds how long a slow network blocks the lock
 
-// Creates the lock with priority inheritance, so that a host thread that waits for it lends its
-// priority to the poller.
+// Creates the lock with priority inheritance: a host thread that waits for it lends its priority to
+// the poller.
 int32_t create_lock(snmp_module* module) {
   pthread_mutexattr_t attribute;
   if (pthread_mutexattr_init(&attribute) != 0) {
@@ -679,15 +677,15 @@ int32_t create_lock(snmp_module* module) {
   if (pthread_mutexattr_setprotocol(&attribute, PTHREAD_PRIO_INHERIT) != 0) {
     SNMP_LOG(FAILURE, "error set lock attribute protocol");
   }
-  // On a kernel without priority inheritance this fails. The mutex then stays zeroed, which makes
-  // it a plain one that works, though a flood of requests can keep a host thread waiting for it.
+  // On a kernel without priority inheritance this fails and leaves the mutex zeroed: a plain mutex,
+  // which works, though a flood of requests can then keep a host thread waiting.
   pthread_mutex_init(&module->lock, &attribute);
   module->lock_created = 1;
   pthread_mutexattr_destroy(&attribute);
   return 0;
 }
 
-// Takes the settings from the host's list. Returns the path of the configuration file.
+// Reads the settings in the host's list. Returns the path of the configuration file.
 const char* read_host_keys(snmp_module* module, const torvasin_key_value_list* list) {
   const char* path = default_config_file;
   module->affinity = -1;
@@ -726,13 +724,13 @@ int32_t bind_socket(snmp_module* module) {
     SNMP_LOG(FAILURE, "error setsockopt socker: %d %s", errno, strerror(errno));
     return -1;
   }
-  // Without it a response would wait, under the lock, until the network takes it. Where the system
-  // refuses it, the agent works as well on a network that is fast enough.
+  // Without this timeout, the poller would hold the lock until the network takes the response. If
+  // the system refuses it, the agent still works as long as the network is fast enough.
   setsockopt(module->fd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
   return 0;
 }
 
-// The host may call a callback as soon as it is registered.
+// Comes last in a start: the host may call a callback as soon as it is registered.
 int32_t register_callbacks(torvasin_plugin_context* context, snmp_module* module) {
   module->slow_cb = torvasin_engine_addCallbackMeterManager(context->engine, TORVASIN_SLOW,
                                                             meter_callback_slow, context);
@@ -751,7 +749,7 @@ int32_t register_callbacks(torvasin_plugin_context* context, snmp_module* module
   return 0;
 }
 
-// The part of a start that needs the module's record and its socket.
+// The part of a start that follows the allocation of the module's record and its socket.
 int32_t start_module(torvasin_plugin_context* context, snmp_module* module,
                      const torvasin_key_value_list* list) {
   if (create_lock(module) != 0) return -1;
@@ -783,7 +781,7 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
   memset(module, 0, sizeof *module);
   module->port = default_port;
   copy_text(module->ip, default_ip);
-  // A child process that the host starts meanwhile must not keep the port.
+  // SOCK_CLOEXEC: a program that the host starts meanwhile must not keep the port in use.
   module->fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (module->fd < 0) {
     SNMP_LOG(FAILURE, "error creating socker: %d %s", errno, strerror(errno));
@@ -801,9 +799,9 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
   return -1;
 }
 
-// Creates a thread that takes no signal meant for the host, from its first instruction on. Only
-// those that an instruction of its own causes reach it: blocked, they would end the process without
-// a word to the host's handler. Returns what pthread_create returns.
+// Creates a thread that, from its first instruction on, blocks all signals but those that its own
+// instructions may cause. If those were blocked too, they would end the process without calling the
+// host's handler. Returns the result of pthread_create.
 int create_quiet_thread(pthread_t* thread, void* (*run)(void*), void* argument) {
   sigset_t blocked;
   sigset_t callers;

@@ -8,8 +8,8 @@ namespace {
 
 constexpr char log_source[] = "src/module/snmp/snmp/snmp_handler";
 
-// What differs between the handlers: the lookup of an OID, and the exception for an OID without an
-// answer.
+// What differs between the handlers: how they look up an OID, and the exception for an OID without
+// an answer.
 struct request_kind {
   const char* handler;
   int32_t (*lookup)(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
@@ -24,10 +24,10 @@ constexpr request_kind getbulk = {"minimal_snmp_handle_getbulk", find_next_snmp_
                                   encode_end_of_mib_view};
 
 enum class answer {
-  item,          // the item found is the response's last varbind
-  exception,     // none found; an exception stands in for it, unless the response is full
-  no_such_name,  // none found, SNMPv1: the response is an error response and complete
-  full,          // an item found and no varbind left for it
+  item,          // item found; it is now the response's last varbind
+  exception,     // none found; the response got an exception instead, unless it was full
+  no_such_name,  // none found, SNMPv1: the response is now a complete error response
+  full,          // item found, but the response is full
 };
 
 // Answers the OID at one position of the request.
@@ -54,7 +54,7 @@ answer answer_oid(const request_kind& kind, const snmp_item* items, uint32_t ite
   return answer::exception;
 }
 
-// Answers the OIDs before first_repeater once each, then the others as often as told.
+// Answers the OIDs before first_repeater once, then the others up to `repetitions` times.
 int32_t answer_request(const request_kind& kind, const snmp_item* items, uint32_t item_count,
                        snmp_request* request, uint64_t first_repeater, uint32_t repetitions,
                        snmp_response* response) {
@@ -65,7 +65,7 @@ int32_t answer_request(const request_kind& kind, const snmp_item* items, uint32_
   }
 
   // Every repetition but the last adds an item. So the response's capacity limits their number,
-  // however many are asked for.
+  // however many the request asks for.
   bool advanced = first_repeater < request->oid_count;
   for (uint32_t r = 0; r < repetitions && advanced; r++) {
     advanced = false;

@@ -1,14 +1,14 @@
 // The handlers of the three request types.
 //
-// Each looks the request's OIDs up in the item table and fills the cleared response with one
-// varbind for each answer: a copy of the item found, or, in SNMPv2c, the requested OID with an
-// exception. For an SNMPv1 request the first OID without an answer ends the work with the error
-// noSuchName and its position, counted from 1. The handlers do not touch values, which are produced
-// when the response is encoded.
+// Each looks up the request's OIDs in the item table and fills the cleared response with one
+// varbind for each answer: a copy of the item found or, in SNMPv2c, the requested OID with an
+// exception. In SNMPv1 the handler stops at the first OID without an answer and sets the error
+// noSuchName with the position of that OID, counted from 1. The handlers do not touch values, which
+// are produced when the response is encoded.
 //
 // They run on the poller thread, under the lock that guards the items. They return 0 when the
-// response is to be encoded, also with the SNMPv1 error. They log a message and return -1 when they
-// find an item and the response is full; then nothing is to be sent.
+// caller must encode the response, even one with the SNMPv1 error. When they find an item but the
+// response is full, they log a message and return -1; the caller then sends nothing.
 
 #ifndef TORVASIN_SNMP_SNMP_HANDLER_H
 #define TORVASIN_SNMP_SNMP_HANDLER_H
@@ -16,7 +16,7 @@
 #include "snmp_item.h"
 #include "snmp_msg_protocol.h"
 
-// Answers each OID with the item of that OID, or with noSuchObject when there is none.
+// Answers each OID with the item that has it, or with noSuchObject when there is none.
 int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count, snmp_request* request,
                                 snmp_response* response);
 
@@ -24,10 +24,10 @@ int32_t minimal_snmp_handle_get(const snmp_item* items, uint32_t item_count, snm
 int32_t minimal_snmp_handle_getnext(const snmp_item* items, uint32_t item_count,
                                     snmp_request* request, snmp_response* response);
 
-// Does as GETNEXT once for the first non_repeaters OIDs, then max_repetitions times for the others.
-// After each answer the request's entry of such an OID becomes the OID found. A repetition that
-// finds nothing is the last. An item found when the response is full ends the repetitions with a
-// message and the result 0.
+// Does what GETNEXT does: once for the first non_repeaters OIDs, then up to max_repetitions times
+// for the others, the repeaters. The OID of each item found for a repeater replaces the repeater's
+// OID in the request. A repetition that finds no item is the last. When a repetition finds an item
+// but the response is full, logs a message and returns 0.
 int32_t minimal_snmp_handle_getbulk(const snmp_item* items, uint32_t item_count,
                                     snmp_request* request, snmp_response* response);
 

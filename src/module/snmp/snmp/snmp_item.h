@@ -1,16 +1,15 @@
 // The items that the agent serves: their record, the order of OIDs and the two lookups.
 //
 // The functions work on a caller's table. They allocate nothing, log nothing and modify nothing.
-// The caller keeps the table from changing during a lookup and for as long as it uses the item
-// found.
+// The table must not change during a lookup, nor while the caller uses the item found.
 
 #ifndef TORVASIN_SNMP_SNMP_ITEM_H
 #define TORVASIN_SNMP_SNMP_ITEM_H
 
 #include "snmp_msg_protocol.h"
 
-// One configured item. It has the fields of a varbind (OID, value writer, writer's context), so
-// that a handler answers for it by copying the whole record into the response.
+// One configured item. It has the fields of a varbind (OID, value writer, writer's context), so a
+// handler answers by copying the whole record into the response.
 using snmp_item = snmp_varbind;
 
 // Compares two OIDs. The first sub-identifier that differs decides, as an unsigned number. An OID
@@ -18,8 +17,8 @@ using snmp_item = snmp_varbind;
 // b, 0 when they are equal, a positive number when a follows b.
 int32_t compare_oid(const snmp_oid* a, const snmp_oid* b);
 
-// Finds the first item in table order with exactly this OID. Returns 0 and stores the item, or
-// returns -1 and stores null. found may be null.
+// Finds the first item in table order with exactly this OID. Stores it and returns 0, or stores
+// null and returns -1. found may be null.
 int32_t find_snmp_item(const snmp_item* items, uint32_t item_count, const snmp_oid* oid,
                        const snmp_item** found);
 

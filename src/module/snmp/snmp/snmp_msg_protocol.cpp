@@ -12,15 +12,15 @@ namespace {
 
 constexpr char log_source[] = "src/module/snmp/snmp/snmp_msg_protocol";
 
-// The steps of a message's decoding and encoding log under these names.
+// The steps of decoding and encoding a message log under these names.
 constexpr char decoder_name[] = "decode_snmp_request";
 constexpr char encoder_name[] = "encode_snmp_response";
 constexpr char varbind_name[] = "encode_snmp_varbind";
 
-// Logs why and gives the status to return.
+// Logs why, and is the status to return.
 #define REFUSE(...) (SNMP_LOG(ERROR, __VA_ARGS__), -1)
 
-// A size as the messages with %u print it. In the agent all sizes are far below 2^32.
+// A size for the messages that print it with %u. In the agent all sizes are far below 2^32.
 constexpr unsigned printed(size_t n) {
   return static_cast<unsigned>(n);
 }
@@ -42,7 +42,7 @@ struct tag_set {
   bool has[256] = {};
 };
 
-// IpAddress, Opaque, Counter64, the SNMPv1 trap and Report are not among them.
+// IpAddress, Opaque, Counter64, the SNMPv1 trap and Report are missing on purpose.
 constexpr tag_set accepted_tags = [] {
   tag_set set;
   for (uint8_t tag : {BER_BOOLEAN,
@@ -70,8 +70,8 @@ constexpr tag_set accepted_tags = [] {
   return set;
 }();
 
-// The checked way to octets of a datagram. Returns the next n and moves the cursor past them, or
-// returns null when fewer remain. n is compared with what remains, so no sum can wrap around.
+// All reads from a datagram pass this check. Returns the next n octets and moves the cursor past
+// them, or returns null when fewer remain. Compares n with what remains, so no sum can wrap around.
 const uint8_t* take(const uint8_t* datagram, size_t size, size_t* cursor, size_t n) {
   if (*cursor > size || n > size - *cursor) return nullptr;
   const uint8_t* octets = datagram + *cursor;
@@ -79,8 +79,8 @@ const uint8_t* take(const uint8_t* datagram, size_t size, size_t* cursor, size_t
   return octets;
 }
 
-// take() for the content of an INTEGER or OCTET STRING. It refuses to begin at the datagram's end,
-// also for no octets.
+// take() for the content of an INTEGER or OCTET STRING. Refuses even empty content at the
+// datagram's end.
 const uint8_t* take_content(const char* name, const uint8_t* datagram, size_t size, size_t* cursor,
                             size_t length) {
   if (*cursor >= size) {
@@ -197,7 +197,7 @@ int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t 
 }
 
 int32_t decode_discart(size_t size, size_t* cursor, int32_t length) {
-  // A negative length becomes one that no datagram has.
+  // A negative length becomes larger than any datagram.
   const size_t n = static_cast<size_t>(length);
   if (*cursor > size || n > size - *cursor) {
     return REFUSE("%s no possible to discard data requested", __func__);
@@ -208,7 +208,7 @@ int32_t decode_discart(size_t size, size_t* cursor, int32_t length) {
 
 namespace {
 
-// The datagram with the cursor, and the header that was read last.
+// The datagram with the cursor, and the tag and length read last.
 struct request_reader {
   const uint8_t* datagram;
   size_t size;
@@ -324,8 +324,8 @@ int32_t read_variables_header(request_reader* in) {
   return 0;
 }
 
-// Reads one varbind of a request. Its name is kept and its value skipped. The varbind's own length
-// is not compared with its content.
+// Reads one varbind of a request: keeps its name and skips its value. Does not compare the
+// varbind's own length with its content.
 int32_t read_varbind(request_reader* in, snmp_oid* name) {
   if (read_header(in) != 0) return -1;
   if (in->tag != BER_SEQUENCE) {
@@ -385,15 +385,15 @@ int32_t decode_snmp_request(snmp_request* request, const uint8_t* datagram, size
 
 namespace {
 
-// Octets of the header (tag and length) in front of a content. 0 for a content too long for a
-// length field.
+// Octets of the header (tag and length) before a content of this size; 0 if the content is too long
+// for a length field.
 size_t header_size(size_t content) {
   if (content < 0x80) return 2;
   if (content < 0x100) return 3;
   return content <= BER_MAX_LENGTH ? 4 : 0;
 }
 
-// These return where the content goes. It is at most BER_MAX_LENGTH.
+// These return where the content goes. Its length must be at most BER_MAX_LENGTH.
 
 uint8_t* write_length(uint8_t* destination, size_t content) {
   if (content >= 0x100) {
@@ -411,8 +411,8 @@ uint8_t* write_header(uint8_t* destination, uint8_t tag, size_t content) {
   return write_length(destination + 1, content);
 }
 
-// Content octets of an INTEGER or an unsigned type: the fewest that hold the number with its sign
-// bit. An unsigned number whose highest bit would read as a sign gets a zero octet in front.
+// Content octets of an INTEGER or an unsigned type: the fewest that hold the number and its sign
+// bit. An unsigned number whose highest bit would read as a sign gets a zero octet before it.
 size_t integer_content(int64_t value) {
   const uint64_t magnitude = static_cast<uint64_t>(value < 0 ? ~value : value);
   return static_cast<size_t>(64 - std::countl_zero(magnitude)) / 8 + 1;
@@ -523,16 +523,16 @@ int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t coun
 
 namespace {
 
-// A buffer that is written from its end towards its start. Everything in front of position is free,
-// everything behind it is written.
+// A buffer that is written from its end towards its start: octets before position are free, those
+// from position on are written.
 struct tail_writer {
   uint8_t* buffer;
   size_t size;
   size_t position;
 };
 
-// The only way to room in the buffer. Returns the n octets in front of what is written, or null
-// when fewer are free.
+// All room in the buffer comes from here. Returns the n octets before what is written, or null when
+// fewer are free.
 uint8_t* make_room(tail_writer* out, size_t n) {
   if (out->position < n) return nullptr;
   out->position -= n;
@@ -543,8 +543,8 @@ size_t written(const tail_writer* out) {
   return out->size - out->position;
 }
 
-// These put one element in front of what is written. They return false when there is no room for
-// it. A header's content is at most BER_MAX_LENGTH.
+// These put one element before what is written, and return false when there is no room for it. The
+// content of a header must be at most BER_MAX_LENGTH.
 
 bool prepend_header(tail_writer* out, uint8_t tag, size_t content) {
   uint8_t* room = make_room(out, header_size(content));

@@ -1,6 +1,6 @@
 // The SNMP message codec: records, request decoder, value and OID encoding, response encoder.
 //
-// SNMPv1 (RFC 1157) and SNMPv2c (RFC 1901, 3416) messages in BER, as they lie on the wire:
+// SNMPv1 (RFC 1157) and SNMPv2c (RFC 1901, 3416) messages in BER, as they appear on the wire:
 //
 //   SEQUENCE {                        30 len
 //     version       INTEGER           02 01 00 (SNMPv1) or 01 (SNMPv2c)
@@ -16,9 +16,9 @@
 //   }
 //
 // Everything here works on the caller's memory, allocates nothing, takes no lock and is re-entrant.
-// Results are 0 for success and -1 for failure unless a function says otherwise. A failing function
-// has logged why. The exceptions are value writers, and the response encoder when a content is
-// above BER_MAX_LENGTH.
+// Unless its comment says otherwise, a function returns 0 for success; for failure it logs the
+// reason and returns -1. Value writers fail without a message, and so does the response encoder
+// when a content exceeds BER_MAX_LENGTH.
 
 #ifndef TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
 #define TORVASIN_SNMP_SNMP_MSG_PROTOCOL_H
@@ -81,8 +81,8 @@ using ber_tlv = uint8_t;
 // null destination that is all. Otherwise writes the value at the destination, or returns -1 and
 // writes nothing when capacity, in octets, is below the size. The response encoder calls it twice
 // for each varbind: once for the size, once to write into exactly that much room. A writer owns
-// nothing and works its value out anew at each call. The caller keeps the value from changing
-// between the two.
+// nothing and computes its value anew in each call; the caller must keep the value from changing
+// between the two calls.
 using snmp_value_writer = int32_t (*)(ber_tlv* destination, size_t capacity, size_t* size_out,
                                       void* context);
 
@@ -104,14 +104,14 @@ struct snmp_request {
   uint64_t oid_count;                   // 0 to 20
 };
 
-// One variable binding of a response, and the means to produce its value.
+// One variable binding of a response, with the function that produces its value.
 struct snmp_varbind {
   snmp_oid oid;
   snmp_value_writer writer;
   void* writer_ctx;  // handed to writer; not owned
 };
 
-// A response being built. Handlers fill it; nothing is encoded before encode_snmp_response.
+// A response being built. Handlers fill it; encode_snmp_response encodes it.
 struct snmp_response {
   int32_t error_status;  // enum snmp_error_status
   int32_t error_index;   // position of the varbind at fault, from 1; 0 for none
@@ -119,52 +119,53 @@ struct snmp_response {
   uint64_t varbind_count;  // 0 to 20
 };
 
-// The name of a PDU tag for the log, a constant text. "?" for a tag that has no name.
+// Returns the name of a PDU tag for the log, a constant text; "?" for a tag without a name.
 const char* get_pdu_name(uint32_t pdu_type);
 
 // ---- Request decoder ---------------------------------------------------------------------------
 
-// Clears the request and fills it from one datagram, which the message must fill exactly. Logs the
-// first fault and returns -1 for anything but a well-formed Get, GetNext or GetBulk. The request is
-// then partly filled and must not be read. It holds copies only, so the datagram may be overwritten
-// afterwards.
+// Clears the request and fills it from one datagram, which must contain exactly one message. For
+// anything but a well-formed Get, GetNext or GetBulk, logs the first fault and returns -1; the
+// request is then partly filled and must not be read. It holds copies only, so the datagram may be
+// overwritten afterwards.
 int32_t decode_snmp_request(snmp_request* request, const uint8_t* datagram, size_t size);
 
 // The steps of the decoder. Each reads at *cursor, an index into the datagram, and moves it just
-// past what it consumed. No octet at or past size is ever read, whatever cursor and length are.
-// After a failure the cursor has no meaning.
+// past what it consumed. None reads an octet at or past size, whatever cursor and length are. After
+// a failure the cursor is meaningless.
 
-// Reads a tag and a length. The tag must be one of those accepted in a request (not IpAddress,
-// Opaque, Counter64, the SNMPv1 trap or Report). The length has at most two octets after the first,
-// and 0x80 counts as 0. It is not compared with what remains.
+// Reads a tag and a length. The tag must be one of enum ber_tag, but not the SNMPv1 trap or Report;
+// IpAddress, Opaque and Counter64 are refused. The length has at most two octets after the first,
+// and 0x80 means 0. It is not compared with what remains.
 int32_t decode_len(const uint8_t* datagram, size_t size, size_t* cursor, uint32_t* tag,
                    size_t* length);
 
-// Reads the content of an INTEGER, two's complement. Of more than four octets the last four count.
+// Reads the content of an INTEGER, two's complement. If it has more than four octets, the last four
+// count.
 int32_t decode_int(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    int32_t* value);
 int32_t decode_uint(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                     uint32_t* value);
 
 // Reads the content of an OCTET STRING as text: up to its first zero octet, at most 63 octets. Adds
-// a terminating zero. An empty text leaves the destination as it is. The cursor moves past the
+// a terminating zero. An empty text leaves the destination unchanged. The cursor moves past the
 // whole content.
 int32_t decode_str(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    char destination[SNMP_COMMUNITY_SIZE], size_t* count);
 
-// Reads the content of an OBJECT IDENTIFIER. Bits of a sub-identifier beyond 32 are lost. When the
-// content is refused, *oid holds the sub-identifiers before the fault, and its count is theirs. It
-// is untouched when the content runs past the datagram or is above BER_MAX_LENGTH.
+// Reads the content of an OBJECT IDENTIFIER. Of a longer sub-identifier the low 32 bits remain.
+// Malformed content leaves the sub-identifiers before the fault in *oid, with their count. Content
+// that runs past the datagram or exceeds BER_MAX_LENGTH leaves *oid unchanged.
 int32_t decode_oid(const uint8_t* datagram, size_t size, size_t* cursor, size_t length,
                    snmp_oid* oid);
 
-// Skips content.
+// Skips content of any type. A negative length fails.
 int32_t decode_discart(size_t size, size_t* cursor, int32_t length);
 
 // ---- Value encoding ----------------------------------------------------------------------------
 //
-// A size function gives the octets of the whole encoding, tag and length included. The encoder of
-// the same type writes exactly that many at the destination. The caller has made the room.
+// A size function returns the octets of the whole encoding, tag and length included. The encoder of
+// the same type writes exactly that many at the destination, where the caller has made room.
 
 size_t get_uintlen(uint32_t value);  // 3 to 7: values from 0x80000000 take five content octets
 size_t get_intlen(int32_t value);    // 3 to 6
@@ -177,7 +178,7 @@ void encode_timeticks(ber_tlv* destination, uint32_t value);
 // Writes nothing for a text above BER_MAX_LENGTH, which has no encoding.
 void encode_str(ber_tlv* destination, const char* text, size_t length);
 
-// The common part of every snmp_value_writer. Reports the size, checks the capacity, then calls
+// The common part of every snmp_value_writer. Stores the size, checks the capacity, then calls
 // encode(destination) to write.
 template <typename encoder>
 int32_t write_value(ber_tlv* destination, size_t capacity, size_t* size_out, size_t size,
@@ -200,22 +201,22 @@ int32_t encode_null(ber_tlv* destination, size_t capacity, size_t* size_out, voi
 // 06, length, first * 40 + second in one octet, then each further sub-identifier in base-128
 // groups, most significant first, all but the last with 0x80 added.
 
-// The octets of the whole encoding. Logs a message and returns SIZE_MAX when its content exceeds
-// BER_MAX_LENGTH.
+// Returns the octets of the whole encoding. When its content exceeds BER_MAX_LENGTH, logs a message
+// and returns SIZE_MAX.
 size_t get_oidlen(const uint32_t* subid, size_t count);
 
-// Writes the octets that get_oidlen counts. Fails, after the tag octet, where get_oidlen fails.
-// Reads subid[0] and subid[1] whatever the count is.
+// Writes the octets that get_oidlen counts. When get_oidlen would fail, writes only the tag octet
+// and fails. Reads subid[0] and subid[1] whatever the count is.
 int32_t encode_snmp_oid(ber_tlv* destination, const uint32_t* subid, size_t count);
 
 // ---- Response encoder --------------------------------------------------------------------------
 
-// Writes the response to a request into a buffer. It writes from the end of the buffer towards its
-// start, so that the length behind a header is known when the header is written. The message ends
-// at the buffer's last octet. *data points at its first octet, and *length is its length. With an
-// error_status, the request's OIDs with NULL values first replace the response's varbinds. On
-// failure (no room, or a value writer that fails) *data is null and *length 0. Reads nothing from
-// the buffer.
+// Encodes the response to a request into a buffer. Writes from the end of the buffer towards its
+// start, so that each header is written when the length of its content is known. The message ends
+// at the buffer's last octet; *data points at its first octet, and *length is its length. If
+// error_status is set, the request's OIDs with NULL values first replace the response's varbinds.
+// When there is no room or a value writer fails, *data is null and *length 0. Does not read the
+// buffer.
 int32_t encode_snmp_response(const snmp_request* request, snmp_response* response, uint8_t* buffer,
                              size_t size, uint8_t** data, size_t* length);
 
