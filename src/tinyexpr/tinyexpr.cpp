@@ -1,6 +1,6 @@
 // A formula becomes postfix instructions in one block. The parser reads one token ahead and emits
-// each instruction after its operands; an instruction whose operands are all constants is run on
-// the spot, by the code that runs it later, and leaves a constant.
+// each instruction after its operands. An instruction whose operands are all constants is evaluated
+// at once, by te_eval like any other, and replaced by its result.
 
 #include "tinyexpr.h"
 
@@ -52,12 +52,12 @@ struct te_expr {
 
 namespace {
 
-// Parentheses and functions that may be open at once. It bounds the parser's recursion.
+// Parentheses and functions that may be open at once. This bounds the parser's recursion.
 constexpr size_t max_depth = 256;
 
-// Values that may wait at once in an evaluation. At each depth up to three left operands wait, one
-// for each precedence, and the first argument of a two-argument function; at the innermost the
-// place of that argument is the last value's.
+// Values that an evaluation may hold at once. At each depth these are up to three left operands,
+// one for each precedence, and the first argument of a two-argument function. The innermost depth
+// has no such argument, but the last value.
 constexpr size_t max_values = 4 * (max_depth + 1);
 
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
@@ -77,7 +77,7 @@ constexpr te_expr call(function_two two) {
   return {opcode::call_two, {.two = two}};
 }
 
-// n!, which overflows from 21 on, so the loop is short for any n.
+// n!, which overflows for n above 20, so the loop is always short.
 double factorial(double n) {
   if (!(n >= 0)) return not_a_number;
   if (n > largest_unsigned) return infinity;
@@ -89,9 +89,9 @@ double factorial(double n) {
   return static_cast<double>(product);
 }
 
-// n over r. After each step the quotient is a binomial coefficient itself, so no division leaves a
-// remainder. As n is at least twice the number of steps, the product overflows within some thirty
-// steps or the loop ends before.
+// n over r. The result of each step is itself a binomial coefficient, so no division leaves a
+// remainder. Because n is at least twice the number of steps, the product overflows within about
+// thirty steps unless the loop ends before.
 double combinations(double n, double r) {
   if (!(r >= 0) || !(n >= r)) return not_a_number;
   if (n > largest_unsigned) return infinity;
@@ -128,7 +128,7 @@ constexpr builtin builtins[] = {
 };
 static_assert(std::ranges::is_sorted(builtins, {}, &builtin::name));
 
-// What the parser tells apart; a symbol is its own character.
+// The tokens that the parser distinguishes; the value of a symbol is its character.
 enum class token : char {
   end = '\0',
   open = '(',
@@ -143,7 +143,7 @@ enum class token : char {
   value = 'v',        // a number or a variable
   named_value = 'n',  // a built-in constant
   function = 'f',     // a built-in function
-  bad = '?',          // nothing of the language
+  bad = '?',          // not in the language
 };
 
 struct infix_operator {
@@ -162,13 +162,13 @@ constexpr int lowest_precedence = 1;
 
 struct compiler {
   const char* start;             // the text
-  const char* next;              // behind the last token read
-  locale_t locale;               // in which numbers are read
-  const te_variable* variables;  // count of them
+  const char* next;              // the text after the last token read
+  locale_t locale;               // for reading numbers
+  const te_variable* variables;  // `count` of them
   int count;
   token ahead;          // the last token read, not yet used
-  te_expr instruction;  // what it stands for: a value, or the call of a function
-  te_expr* code;        // room for a `done` and an instruction for each character of the text
+  te_expr instruction;  // what that token stands for: a value, or the call of a function
+  te_expr* code;        // room for one instruction per character of the text, and a `done`
   size_t size;          // instructions in code
   size_t depth;         // parentheses and functions open
 };
@@ -257,8 +257,9 @@ constexpr size_t operands_of(opcode op) {
   return 0;
 }
 
-// Appends an instruction, or its result when its operands are constants. In postfix order the last
-// instruction is the whole last operand if it is a constant, and the same goes for the one before.
+// Appends an instruction, or its result when its operands are constants. In postfix order, a
+// constant that comes last is the whole last operand, and one right before it the whole operand
+// before.
 void emit(compiler& c, const te_expr& instruction) {
   const size_t operands = operands_of(instruction.op);
   te_expr* first = c.code + c.size - operands;
@@ -271,8 +272,8 @@ void emit(compiler& c, const te_expr& instruction) {
   c.size -= operands;
 }
 
-// The parser: each function reads what it is named for, emits its instructions and leaves the token
-// behind it ahead. False at the first token that does not fit.
+// The parser: each function reads what its name says, emits the instructions and leaves the next
+// token in `ahead`. It returns false at the first token that does not fit.
 bool list(compiler& c);
 bool operand(compiler& c);
 bool expression(compiler& c, int lowest);
@@ -309,7 +310,7 @@ bool base(compiler& c) {
   }
 }
 
-// A base with its signs. Every recursion of the parser passes here.
+// A base with its signs. Every recursion of the parser passes through here.
 bool operand(compiler& c) {
   if (c.depth > max_depth) return false;
   ++c.depth;
@@ -341,7 +342,7 @@ bool expression(compiler& c, int lowest) {
   return true;
 }
 
-// Only the last expression counts and none has an effect, so what came before is dropped.
+// Only the last expression counts and none has side effects, so the code of the others is dropped.
 bool list(compiler& c) {
   const size_t before = c.size;
   if (!expression(c, lowest_precedence)) return false;
@@ -352,7 +353,7 @@ bool list(compiler& c) {
   return true;
 }
 
-// Ends the code and gives back the room that it does not need.
+// Ends the code and frees the room that it does not need.
 te_expr* finish(const compiler& c) {
   c.code[c.size] = plain(opcode::done);
   void* smaller = realloc(c.code, (c.size + 1) * sizeof(te_expr));
@@ -368,9 +369,9 @@ te_expr* te_compile(const char* expression, const te_variable* variables, int co
   c.next = expression;
   c.variables = variables;
   c.count = count;
-  // Each instruction comes from a token of its own, so from at least one character: a lone point,
-  // which is never passed, ends the parse after its one number. calloc, because it refuses a
-  // product that overflows.
+  // Each instruction comes from a token, which has at least one character. The exception is a lone
+  // point: it is read as an empty number again and again, but the parse fails at the second one.
+  // calloc, because it refuses a product that overflows.
   c.code = static_cast<te_expr*>(calloc(strlen(expression) + 1, sizeof(te_expr)));
   bool compiled = false;
   if (c.code != nullptr && c.locale != locale_t{}) {
@@ -389,7 +390,8 @@ double te_eval(const te_expr* formula) {
   double waiting[max_values];  // below the topmost value, which stays in a register
   double* next = waiting;
   double top = 0;
-  // The analyzer does not see that the compiler emits operands before what takes them.
+  // The analyzer does not see that the compiler emits operands before the instruction that uses
+  // them.
   // NOLINTBEGIN(clang-analyzer-core.UndefinedBinaryOperatorResult,clang-analyzer-core.CallAndMessage)
   for (const te_expr* i = formula;; ++i) {
     switch (i->op) {
