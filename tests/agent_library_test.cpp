@@ -1,4 +1,4 @@
-// libtorvasin_agent as a program meets it: through its header, over UDP and on standard error.
+// libtorvasin_agent as a program uses it: through its header, over UDP and on standard error.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 
 #include "client.h"
 
-// A forked child leaks what its parent's threads use; asked by LeakSanitizer.
+// LeakSanitizer asks this. In a forked child, memory of the parent's threads would look leaked.
 static bool is_child = false;
 extern "C" int __lsan_is_turned_off() { return is_child; }  // NOLINT(bugprone-reserved-identifier)
 
@@ -27,7 +27,7 @@ namespace {
 using std::string;
 using agent_owner = std::unique_ptr<torvasin_agent, decltype([](torvasin_agent* a) { torvasin_agent_destroy(a); })>;
 
-const string path = "agent_library_test.ini";  // in the directory of the build
+const string path = "agent_library_test.ini";  // in the build directory
 
 string item(int number, const string& lines) {
   return "[ITEM_i" + std::to_string(number) + "]\noid = 1.3." + std::to_string(number) + "\n" + lines + "\n";
@@ -43,7 +43,7 @@ agent_owner with_file(const string& lines, const string& port = "0", const strin
 string fault(const agent_owner& agent) { return torvasin_agent_fault(agent.get()); }
 string port_of(const agent_owner& agent) { return string(torvasin_agent_address(agent.get())).substr(10); }
 
-// The answer to a GET of the items 1 to last, as describe has it.
+// The answer to a GET of items 1 to last, as describe() writes it.
 string ask(const agent_owner& agent, uint32_t last) {
   request_parts parts{.varbinds = ""};
   for (uint32_t i = 1; i <= last; i++) parts.varbinds += null_varbind({1, 3, i}) + " ";
@@ -121,7 +121,7 @@ TEST(agent_library, has_all_values_in_its_first_answer_and_after_a_reload) {
   for (const auto& each : {&other, &agent}) ASSERT_EQ(torvasin_agent_start(each->get()), 0) << fault(*each);
   EXPECT_EQ(ask(agent, 4), "0 0: 1.3.1=410107 1.3.2=0201FD 1.3.3=02010F 1.3.4=04026F6B");
   EXPECT_EQ(ask(other, 2), "0 0: 1.3.1=410100 1.3.2=020100");
-  with_file(items + item(5, "type = int:0\nmeter = late"), port_of(agent));  // its own, which it gives back
+  with_file(items + item(5, "type = int:0\nmeter = late"), port_of(agent));  // the port that it holds already
   torvasin_gauge_add(gauge, 1);
   torvasin_gauge_set(torvasin_agent_gauge(agent.get(), "late", ""), 9);
   ASSERT_EQ(torvasin_agent_reload(agent.get()), 0) << fault(agent);
@@ -192,7 +192,7 @@ TEST(agent_library, leaves_a_forked_child_no_port_and_nothing_to_wait_for) {
   char ready = 1;
   EXPECT_EQ(read(ends[1], &ready, 1), 1);
   agent.reset();
-  EXPECT_EQ(torvasin_agent_start(with_file(items, port).get()), 0);  // the child lives
+  EXPECT_EQ(torvasin_agent_start(with_file(items, port).get()), 0);  // while the child still runs
   with_file(items);
   close(ends[1]);
   int status = -1;

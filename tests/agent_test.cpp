@@ -10,7 +10,7 @@
 #include "module/snmp/snmp/snmp_log.h"
 #include "support.h"
 
-// Serves an INTEGER, the number that is the context.
+// Serves its context as an INTEGER.
 int32_t encode_number(ber_tlv* destination, size_t capacity, size_t* size_out, void* context) {
   const auto number = static_cast<int32_t>(reinterpret_cast<intptr_t>(context));
   return write_value(destination, capacity, size_out, get_intlen(number), [&](ber_tlv* at) { encode_int(at, number); });
@@ -23,8 +23,8 @@ std::vector<snmp_item> table_of(const std::vector<object_id>& oids) {
   return items;
 }
 
-// OIDs that share a beginning, mostly, and go on with few of few sub-identifiers, where prefixes, equals and
-// neighbours abound, in std::vector's order.
+// std::vector gives the expected order. The random OIDs mostly share a prefix and then have few sub-identifiers with
+// few values, so prefixes of one another, equal OIDs and neighbours are frequent.
 TEST(lookups, agree_with_a_plain_search) {
   std::mt19937 random(1);
   size_t shared = 0;
@@ -99,7 +99,7 @@ int32_t keep(void* context, const uint8_t* message, size_t length) {
   return 7;
 }
 
-// What is sent, as describe() puts it, or else the status. Datagram and response share a buffer, as in the poller.
+// The response as describe() writes it, or the status if none is sent. As in the poller, both share a buffer.
 std::string ask(const std::vector<snmp_item>& items, const request_parts& request, size_t room = SNMP_MAX_DATAGRAM,
                 snmp_send_callback send = keep) {
   const octets datagram = build(request);
@@ -163,10 +163,10 @@ TEST(pipeline, messages) {
   EXPECT_TRUE(log.has(1, "minimal_snmp_handle_getnext oid not found"));
   const char log_source[] = "test";
   const auto torvasin_log = [](int, const char*, int, int flag, const char*) { return flag; };
-  EXPECT_EQ(1, SNMP_LOG(TRACE, "")) << "the flag that a host gets";
+  EXPECT_EQ(1, SNMP_LOG(TRACE, "")) << "the flag of every message";
 }
 
-// Every octet at every place, among octets of every number of digits.
+// Every octet at every place, next to octets of one, two and three digits.
 TEST(poller, writes_addresses_as_inet_ntop_does) {
   for (uint32_t i = 0; i < 3 * 4 * 256; i++) {
     const uint32_t others[] = {0, 0x0A0A0A0A, 0xFFFFFFFF}, shift = i / 256 % 4 * 8;

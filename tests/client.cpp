@@ -54,7 +54,7 @@ static void require(bool holds, const char* otherwise) {
   if (!holds) throw otherwise;
 }
 
-// Takes an element of this tag off the front; returns its content.
+// Removes an element with this tag from the front, and returns its content.
 static view element(view& in, uint8_t tag) {
   require(in.size() >= 2 && in[0] == tag, "no header, or unexpected tag");
   const size_t more = in[1] < 0x80 ? 0 : in[1] - 0x80u;  // octets of the length
@@ -81,7 +81,7 @@ static int64_t number(view content) {
   return value;
 }
 
-// Of the types that this agent serves or one that it is compared with.
+// Accepts the types that this agent serves, and those of agents that it is compared with.
 static void check_value(view value) {
   require(!value.empty(), "no value");
   const uint8_t tag = value[0];
@@ -94,7 +94,7 @@ static void check_value(view value) {
   require(empty || counter || tag == 0x02 || tag == 0x04 || tag == 0x06, "value of an unknown type");
 }
 
-// Returns how many there are; a sub-identifier is written by its last octet.
+// Returns the number of sub-identifiers. The last octet of each stores it.
 static size_t read_oid(view name, std::span<uint32_t, 20> subids) {
   require(!name.empty() && name[0] < 0x80 && name.back() < 0x80, "first or last octet of an OID");
   subids[0] = name[0] / 40u;

@@ -1,4 +1,4 @@
-// SNMP messages as a client sees them, for the tests, fuzz targets and load tools: requests built, responses read
+// SNMP messages as a client sees them, for the tests, fuzz targets and load tools: builds requests and reads responses
 // strictly. Shares no code with the agent's codec, so that neither can hide a fault of the other.
 
 #ifndef TORVASIN_TESTS_CLIENT_H
@@ -20,10 +20,10 @@ std::string to_hex(view data);
 std::string dotted(std::span<const uint32_t> subids);  // "1.3.6"
 
 octets operator+(octets left, const octets& right);
-octets tlv(uint8_t tag, const octets& content);  // of less than 65536 octets
-std::string null_varbind(const object_id& oid);  // with its value NULL, in hex
+octets tlv(uint8_t tag, const octets& content);  // content of less than 65536 octets
+std::string null_varbind(const object_id& oid);  // a varbind with the value NULL, in hex
 
-// An SNMPv2c GET of 1.3.6.1.2.1.1.3.0, of which a caller changes what it is about; hex, but for the tags.
+// An SNMPv2c GET of 1.3.6.1.2.1.1.3.0. A test changes the parts that it is about. The texts are hex.
 struct request_parts {
   uint8_t message_tag = 0x30;
   std::string version = "02 01 01", community = "04 06 70 75 62 6C 69 63";
@@ -34,20 +34,20 @@ struct request_parts {
 };
 octets build(const request_parts& parts);
 
-// What a message carries, with views into it. Read into again, it allocates nothing.
+// What a message contains, with views into it. Reading into the same record again allocates nothing.
 struct read_response {
   int64_t version, id, error_status, error_index;
   std::string_view community;
   std::vector<std::pair<view, view>> varbinds;  // content of the name; tag, length and content of the value
 };
 
-// Null when the message is a well-formed one of this PDU, else what is wrong with it: every length must be exact and
-// in its shortest form, every integer in its shortest form, with nothing missing and nothing left over.
+// Null when the message is well-formed and contains this PDU, else what is wrong with it: every length must be exact,
+// every length and integer in its shortest form, with nothing missing and nothing left over.
 const char* read_strictly(view message, read_response* response, uint8_t pdu_tag = 0xA2);
 
 object_id subids_of(view name);  // of a varbind that was read
 
-// "status index: name=value, ..." with names dotted and values in hex; a fault as itself.
+// "status index: name=value name=value..." with names dotted and values in hex; for a malformed message, its fault.
 std::string describe(view message);
 
 #endif  // TORVASIN_TESTS_CLIENT_H

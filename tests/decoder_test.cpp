@@ -1,4 +1,4 @@
-// The request decoder: what it accepts, and the one message with which it refuses all else.
+// The request decoder: what it accepts, and the one message that it logs when it refuses anything else.
 
 #include <gtest/gtest.h>
 
@@ -72,7 +72,7 @@ TEST(decoder, refuses_with_the_message_of_the_first_fault) {
 
 const std::string up_time = ": 1.3.6.1.2.1.1.3.0";
 
-// Expected: version, type, community, id, second, third, count of OIDs: the last OID.
+// Expected: version, type, community, id, second and third integer, number of OIDs: the OIDs.
 const std::tuple<const char*, octets, std::string> acceptances[] = {
     {"a GET", build({}), "1 GET public 1 0 0 1" + up_time},
     {"v1", build({.version = "02 01 00", .pdu_tag = 0xA1, .id = "02 04 FF FF FF 7F"}),
@@ -120,7 +120,7 @@ TEST(decoder, names_each_type_of_a_pdu) {
   EXPECT_EQ("? GET GETNEXT RESPONSE SET ? GETBULK INFORM TRAP REPORT ? ", names);
 }
 
-// Among them lengths that would wrap when added to the cursor.
+// Some of the lengths would wrap around when added to the cursor.
 TEST(decoder, steps_hold_against_any_tag_and_length) {
   captured_log log;
   const octets two = {1, 1};

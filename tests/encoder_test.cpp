@@ -1,4 +1,4 @@
-// Values, OIDs and whole responses: the octets, and that every size is that of the octets written.
+// Values, OIDs and whole responses: their octets, and that each size function counts exactly these.
 
 #include <gtest/gtest.h>
 
@@ -6,14 +6,14 @@
 
 #include "support.h"
 
-// An encoder must write what is expected into exactly its size.
+// An encoder must write the expected octets, and not one beyond its size.
 void check(const std::string& expected, size_t size, const std::function<void(uint8_t*)>& encode) {
   octets room(size + 8, 0xEE);
   encode(room.data());
   EXPECT_EQ(expected + repeated(8, " EE"), to_hex(room));
 }
 
-// Both sides of each boundary at which the octets become more.
+// Both sides of each boundary where a number takes one more octet.
 TEST(values, numbers) {
   const std::vector<std::pair<int64_t, std::string>> rows[] = {
       {{-129, "02 FF 7F"}, {-128, "01 80"}, {-1, "01 FF"}, {0, "01 00"}, {127, "01 7F"}, {128, "02 00 80"}},
@@ -58,7 +58,7 @@ TEST(values, oids) {
   EXPECT_EQ("3 encode_snmp_oid: OID not convertible\n3 get_oidlen: OID not convertible\n", log.take());
 }
 
-// Writes a text of as many octets as its context says, if it has an encoding.
+// Writes a text of as many octets as its context says; fails if that is too long for an encoding.
 int32_t encode_text_of(ber_tlv* destination, size_t capacity, size_t* size_out, void* context) {
   const std::string text(*static_cast<size_t*>(context), 'x');
   const size_t size = get_strlen(text.size());
@@ -70,7 +70,7 @@ int32_t encode_text_of(ber_tlv* destination, size_t capacity, size_t* size_out, 
 }
 
 struct responses : testing::Test {
-  // The message, which ends with the buffer, or nothing.
+  // The message, which must end where the buffer ends, or nothing.
   octets encode(size_t room) {
     octets buffer(room);
     uint8_t* data = buffer.data();
@@ -87,7 +87,7 @@ struct responses : testing::Test {
   snmp_response response = {0, 0, {{oid_of({1, 3, 6, 1, 3, 99, 1, 0}), encode_text_of, &text_size}}, 1};
 };
 
-// Through all forms of the headers of the varbind, the list, the PDU and the message.
+// Covers all lengths of the headers of the varbind, the list, the PDU and the message.
 TEST_F(responses, headers_grow_with_their_content) {
   const octets community(request.community, request.community + 63);
   for (text_size = 0; text_size < 300; text_size++) {
@@ -102,7 +102,7 @@ TEST_F(responses, headers_grow_with_their_content) {
   }
   text_size = 65432;
   EXPECT_NE(octets(), encode(70000));
-  // From here on the content of the message is too long, then also that of the PDU, the list and the varbind.
+  // First only the content of the message is too long, then also the PDU's, the list's and the varbind's.
   for (const size_t size : {65433u, 65505u, 65519u, 65523u}) {
     text_size = size;
     EXPECT_EQ(octets(), encode(70000)) << size;
@@ -133,5 +133,5 @@ TEST_F(responses, what_does_not_fit_is_named_from_the_end) {
   refused(1472, "response: too much oid");
   request.oid_count = 1;
   EXPECT_NE(octets(), encode(1472));
-  EXPECT_EQ(&text_size, response.varbind[0].writer_ctx) << "which the NULL of an error response does not read";
+  EXPECT_EQ(&text_size, response.varbind[0].writer_ctx) << "an error response changed the context";
 }

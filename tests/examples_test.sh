@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# The queues in C and Python run as README says, answer as README shows, count on, and end when they are told to.
-# Usage: examples_test.sh [BUILD_DIRECTORY], which is installed first; without it, the system has an installation
+# The queues in C and Python run as README says, answer as README shows, keep counting, and end when a signal asks.
+# Usage: examples_test.sh [BUILD_DIRECTORY]. Installs the build first; without one, uses what the system has installed.
 
 # shellcheck source=tests/lib.sh
 . "$(dirname "$0")/lib.sh"
 
 if [ $# -gt 0 ]; then
-  cmake --install "$1" --prefix "$scratch/usr" >log && mv usr moved # which an installation may be
+  cmake --install "$1" --prefix "$scratch/usr" >log && mv usr moved # an installation may be moved
   PKG_CONFIG_PATH=$(dirname "$PWD"/moved/lib*/pkgconfig/torvasin-agent.pc)
   export PKG_CONFIG_PATH LD_LIBRARY_PATH=${PKG_CONFIG_PATH%/*} PATH=$PWD/moved/bin:$PATH
 fi

@@ -1,4 +1,4 @@
-// The stand-in host: ownership of texts, the log's level, the meters' texts. The probe has the rest of its contract.
+// The engine's texts, its log and the host's meters. The probe checks the rest of the contract.
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# The minimal host serves its meters. The probe finds no fault in correct hosts, with words that torvasin.h has, and names
-# what each broken one breaks: threaded hosts of a -DKIND, minimal hosts with one line changed, built from an installation.
+# The minimal host serves its meters. The probe finds no fault in correct hosts, quotes torvasin.h word for word, and
+# names the duty that each broken host breaks. Those are threaded_host.c with a -DKIND, and the minimal host of an
+# installation with one line changed.
 # Usage: hosts_test.sh DIRECTORY_OF_HOSTS MODULE PROBE TORVASIN_HOST [BUILD_DIRECTORY]
 
 # shellcheck source=tests/lib.sh
 . "$(dirname "$0")/lib.sh"
 
-probe() { # NAME COMMAND...: runs a host; some with a standard error that is full, and is read after five seconds
+probe() { # NAME COMMAND...: runs a host; for some, standard error is full and nobody reads it for five seconds
   local full=0 late=0
   [[ $1 != *minimal && $1 != waits* ]] || full=65536 late=5
   { head -c $full /dev/zero && TORVASIN_PROBE_EXIT=1 timeout --preserve-status "${limit:-4}" "${@:2}" ||
@@ -40,7 +41,7 @@ done
 probe good.minimal "$good/minimal_host" "$probe" agent.ini &
 probe good.torvasin "$4" --module "$probe" --conf-file agent.ini --fast-ms 20 &
 if [ $# -gt 4 ]; then
-  cmake --install "$5" --prefix "$scratch/usr" >log && mv usr moved # which an installation may be
+  cmake --install "$5" --prefix "$scratch/usr" >log && mv usr moved # an installation may be moved
   PKG_CONFIG_PATH=$(dirname moved/lib*/pkgconfig/torvasin-snmp.pc) && export PKG_CONFIG_PATH
   cp "$(pkg-config --variable=exampledir torvasin-snmp)"/{Makefile,CMakeLists.txt,minimal_host.c} .
   cmake -S . -B cmake -D CMAKE_PREFIX_PATH="$PWD/moved" >log && cmake --build cmake >log

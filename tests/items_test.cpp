@@ -1,4 +1,4 @@
-// The configuration line by line, the refresh of values and what the items then serve.
+// The configuration line by line, the refresh of values, and what the items then serve.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ struct configuration : testing::Test {
     EXPECT_EQ(0u, torvasin_engine::get_memory_stats().live_blocks);
   }
 
-  // A line as the messages show it: section, key and value with ", " between them.
+  // Applies a line, given as messages show it: section, key and value, separated by ", ".
   void line(const std::string& text) {
     const size_t key = text.find(", ") + 2;
     const size_t value = text.find(", ", key) + 2;
@@ -33,7 +33,7 @@ struct configuration : testing::Test {
                                 text.c_str() + value));
   }
 
-  // What an item serves, written into exactly the room it asks for; "-1" when it refuses.
+  // What an item serves, written into exactly the room that it asks for; "-1" when the writer fails.
   std::string served(uint32_t i) {
     size_t size = 0;
     EXPECT_EQ(0, module.items[i].writer(nullptr, 0, &size, &module.bindings[i]));
@@ -63,12 +63,12 @@ TEST_F(configuration, refused_lines_name_themselves_and_change_nothing) {
   for (const auto& [message, texts] : rows) {
     for (const std::string& text : texts) {
       line(text);
-      EXPECT_TRUE(log.has(3, "ini_handler_cb(test, " + text + message)) << log.take() << "lacks that of " << text;
+      EXPECT_TRUE(log.has(3, "ini_handler_cb(test, " + text + message)) << log.take() << "has no message of " << text;
     }
   }
   EXPECT_EQ(161, module.port);
   EXPECT_EQ(1u, module.item_count);
-  EXPECT_EQ("02 01 05", served(0)) << "the refused formula has gone, the value stays";
+  EXPECT_EQ("02 01 05", served(0)) << "a refused formula removes the formula, the value stays";
   EXPECT_EQ(0u, module.items[0].oid.count);
   EXPECT_TRUE(log.has(3, "'' has to be an int") && log.has(3, "'y' has to be an uint"));
 }
@@ -130,7 +130,7 @@ TEST_F(configuration, names_and_links) {
   EXPECT_EQ(nullptr, module.bindings[5].formula);
 }
 
-// What an item of a type and a formula serves, at first and then for values of its meter.
+// Rows: type, formula, what the item serves at first, and what it then serves for values of its meter.
 TEST_F(configuration, items_take_their_meters) {
   using meter = std::variant<int32_t, uint32_t, float, std::string>;
   const std::tuple<std::string, std::string, std::string, std::vector<std::pair<meter, std::string>>> rows[] = {
@@ -162,12 +162,12 @@ TEST_F(configuration, items_take_their_meters) {
         std::visit([&](const auto& value) { list.set("m", value); }, published);
         const std::string before = served(0);
         EXPECT_EQ(0, (fast ? meter_callback_slow : meter_callback_fast)(&list, &context));
-        EXPECT_EQ(before, served(0)) << "refreshed at the other speed";
+        EXPECT_EQ(before, served(0)) << "a refresh of the other speed changed it";
         EXPECT_EQ(0, (fast ? meter_callback_fast : meter_callback_slow)(&list, &context));
         EXPECT_EQ(expected, served(0));
       }
       line("ITEM_x, type, " + type);
-      EXPECT_EQ(initial, served(0)) << "set again";
+      EXPECT_EQ(initial, served(0)) << "after the type was set again";
       release_items(&module);
       EXPECT_EQ("", log.take());
     }

@@ -1,4 +1,4 @@
-// Start, run and stop: the linker routes every call that can fail through the wrappers below.
+// Start, run and stop. The linker routes every call that can fail through the wrappers below.
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
@@ -24,19 +24,19 @@ namespace {
 
 using namespace std::literals;
 
-// The call that fails, after it went well `skips` times, as often as `times` says.
+// The call that fails: it succeeds `skips` times, then fails `times` times.
 std::atomic<const char*> failing_call = "";
-std::atomic<const void*> failing_lock;  // of all locks the only one that fails
+std::atomic<const void*> failing_lock;  // the only lock that fails
 std::atomic<int> error, skips, times, receives;
 
 torvasin_plugin_context context;
 snmp_module* module() { return static_cast<snmp_module*>(context.private_data); }
 
-// Puts into the log, as a line of level 0, what a call is about. Nothing for what has no name.
+// Logs a call and what it concerns as a line of level 0; nothing when `what` is null.
 void note(const char* call, const char* what) {
   if (what != nullptr) torvasin_log(0, "test", 0, 1, "%s %s", call, what);
 }
-// A part of the module's that is given back.
+// The name of a part of the module that a stop releases, or null.
 const char* name_of(const void* part) {
   const snmp_module* m = module();
   if (m == nullptr) return nullptr;
@@ -67,12 +67,12 @@ bool fails(const char* call, int, const sockaddr* address, socklen_t) {
   note(call, inet_ntoa(reinterpret_cast<const sockaddr_in*>(address)->sin_addr));
   return fails(call);
 }
-// socket: a process that the host starts meanwhile does not get it.
+// socket: a process that the host starts meanwhile must not inherit it.
 bool fails(const char* call, int, int type, int) {
   EXPECT_EQ(SOCK_DGRAM | SOCK_CLOEXEC, type);
   return fails(call);
 }
-// pthread_create: from its first instruction on, only what an instruction of its own causes reaches the thread.
+// pthread_create: from its first instruction on, the thread handles only signals that its own instructions cause.
 bool fails(const char* call, pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
   sigset_t inherited;
   pthread_sigmask(SIG_SETMASK, nullptr, &inherited);
@@ -84,7 +84,7 @@ bool fails(const char* call, pthread_t*, const pthread_attr_t*, void* (*)(void*)
   EXPECT_EQ((std::set{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}), reaching);
   return fails(call);
 }
-// setsockopt: the poller waits less than it asked for, so that it sees at once that it is to stop.
+// setsockopt: the poller waits for less time than it asked for, so that it notices at once when it must stop.
 bool fails(const char* call, int, int level, int name, const void*& timeout, socklen_t) {
   static const timeval brief = {0, 1000};
   const timeval asked = *static_cast<const timeval*>(timeout);
@@ -94,7 +94,7 @@ bool fails(const char* call, int, int level, int name, const void*& timeout, soc
   note(call, (which + std::to_string(asked.tv_sec) + "." + std::to_string(asked.tv_usec)).c_str());
   return fails(call);
 }
-// sendto: it fails with EAGAIN as the system does it when the socket's buffer stays full.
+// sendto: an EAGAIN comes after the socket's timeout, as from the system when the socket's buffer stays full.
 bool fails(const char* call, int fd, const void*, size_t, int flags, const sockaddr*, socklen_t) {
   EXPECT_EQ(MSG_CONFIRM, flags);
   if (!fails(call)) return false;
@@ -106,7 +106,7 @@ bool fails(const char* call, int fd, const void*, size_t, int flags, const socka
   errno = error;
   return true;
 }
-// torvasin_keyValueListGetS: this host takes no list as an empty one, another need not.
+// torvasin_keyValueListGetS: this engine treats null as an empty list, but another host may crash on null.
 bool fails(const char*, const torvasin_key_value_list* list, const char*, const char**) {
   return list->find("") != nullptr;
 }
@@ -152,7 +152,7 @@ NOTE(te_free, void, (te_expr * formula), formula != nullptr ? "formula" : nullpt
 NOTE(torvasin_free, void, (void* block), name_of(block), block)
 NOTE(pthread_mutex_destroy, int, (pthread_mutex_t * lock), name_of(lock), lock)
 
-// A machine of any number of processors, and a user who may choose any niceness.
+// A machine with any number of processors, and a user who may choose any niceness.
 static cpu_set_t processors;
 static std::atomic<int> niceness;
 extern "C" int __wrap_pthread_setaffinity_np(pthread_t, size_t, const cpu_set_t* set) {
@@ -169,7 +169,7 @@ namespace {
 
 const std::string port = "[General]\nport = 0\n";
 
-// Items 1 and 2 serve the same number when the meter n is twice m; nobody publishes that of the first item.
+// Items 1 and 2 serve the same number when the meter n is twice m. Nobody publishes the meter of item 9.
 std::string items(const std::string& arc) {
   std::string text;
   for (const std::string item :
@@ -188,7 +188,7 @@ const octets get_a_and_b = get(1, {1, 2});
 const char initial_values[] = "0 0: 1.3.6.1.1=410100 1.3.6.1.2=410103";
 const char unknown[] = "0 0: 1.3.6.1.1=8000 1.3.6.1.2=8000";
 
-// Asks a real agent over loopback, at the address that its socket is bound to.
+// Sends requests to a real agent over loopback, to the address that its socket is bound to.
 class udp_client {
  public:
   explicit udp_client(const torvasin_plugin_context& agent) {
@@ -208,7 +208,7 @@ class udp_client {
   }
   void tell(const octets& datagram) { send(fd_, datagram.data(), datagram.size(), 0); }
 
-  // The answer as describe() puts it, "silence" when none comes within the patience, milliseconds.
+  // The answer as describe() writes it, or "silence" when none comes within `patience` milliseconds.
   std::string ask(const octets& datagram, int patience = 30000) {
     tell(datagram);
     uint8_t answer[2048];
@@ -223,10 +223,10 @@ class udp_client {
 
 struct lifecycle : testing::Test {
   lifecycle() {
-    std::thread([] {}).join();  // ThreadSanitizer's own thread comes with the first one
+    std::thread([] {}).join();  // the first thread makes ThreadSanitizer start one of its own
     context = given;
     threads = entries("/proc/self/task");
-    close(STDIN_FILENO);  // a descriptor of 0 is as good as any
+    close(STDIN_FILENO);  // so that the socket becomes descriptor 0, which must work too
     files = entries("/proc/self/fd");
     configure(port + items("1"));
   }
@@ -254,11 +254,11 @@ struct lifecycle : testing::Test {
   void nothing_is_left() {
     torvasin_engine::release_all_texts();
     EXPECT_EQ(nullptr, module());
-    EXPECT_EQ(0, memcmp(&given, &context, sizeof given)) << "something else of the host's context was written";
+    EXPECT_EQ(0, memcmp(&given, &context, sizeof given)) << "the module changed the host's part of the context";
     EXPECT_EQ(0u, torvasin_engine::get_memory_stats().live_blocks);
     EXPECT_EQ(0u, engine.registrations());
     EXPECT_EQ(files, entries("/proc/self/fd"));
-    // A thread that was joined may take a moment to leave the list.
+    // A joined thread may take a moment to disappear from the list.
     for (int i = 0; i < 10000 && entries("/proc/self/task") > threads; i++) usleep(1000);
     EXPECT_GE(threads, entries("/proc/self/task"));
   }
@@ -272,7 +272,7 @@ struct lifecycle : testing::Test {
   torvasin_key_value_list host_keys;
 };
 
-// Every line, of all levels, of a start, two requests and a stop; with what is bound, set and given back.
+// Every line, at all levels, of a start, two requests and a stop, with notes of what is bound, set and released.
 TEST_F(lifecycle, log) {
   configure(port + "[ITEM_a]\noid = 1.3.6.1.1\ntype = uint:7\ncomputeformula = value\nmeter = m\n");
   host_keys.set("affinity", 0x40000301u);
@@ -323,7 +323,7 @@ TEST_F(lifecycle, faults_of_a_start) {
   const std::string close = "0 close socket\n", record = "0 torvasin_free record\n";
   const std::string undone = close + "0 pthread_mutex_destroy lock\n" + repeated(2, "0 te_free formula\n") +
                              "0 torvasin_free bindings\n0 torvasin_free items\n" + record;
-  // The call that fails and how, or the configuration; the status and the messages.
+  // The call that fails, its errno and the calls before that succeed, or the configuration; the status and messages.
   const std::tuple<const char*, int, int, std::string, int32_t, std::string> rows[] = {
       {"torvasin_malloc", 0, 0, "", -1, "4 startCycle: no memory for the module\n"},
       {"torvasin_realloc", 0, 0, "", 0, "4 ini_handler_cb no memory for item: 9\n"},
@@ -399,14 +399,14 @@ TEST_F(lifecycle, lock_that_cannot_be_taken) {
   EXPECT_EQ(EINVAL, meter_callback_fast(&list, &context));
   EXPECT_EQ(initial_values, client.ask(get_a_and_b));
   for (const char* call : {"pthread_mutex_lock", "pthread_mutex_unlock"}) {
-    EXPECT_EQ(0, meter_callback_fast(&list, &context));  // when the poller has given the lock back
+    EXPECT_EQ(0, meter_callback_fast(&list, &context));  // returns once the poller has released the lock
     plan(call, EAGAIN, 0, 3);
     EXPECT_EQ(0, meter_callback_fast(&list, &context));
     plan(call, EAGAIN, 0, 3);
     EXPECT_EQ("0 0: 1.3.6.1.1=41010E 1.3.6.1.2=410107", client.ask(get_a_and_b));
   }
   stop(context);
-  EXPECT_GT(0, times) << "asked again";
+  EXPECT_GT(0, times) << "it must try again until it succeeds";
 }
 
 TEST_F(lifecycle, datagrams_and_errors_of_the_socket) {
@@ -422,11 +422,11 @@ TEST_F(lifecycle, datagrams_and_errors_of_the_socket) {
     receives = 0;
     since = std::chrono::steady_clock::now();
     usleep(50000);
-    EXPECT_LT(receives, passed() / 10us) << "does not wait";
+    EXPECT_LT(receives, passed() / 10us) << "the poller spins";
   }
   plan("recvfrom", ENOMEM, 0, 20);
   EXPECT_EQ(initial_values, client.ask(get_a_and_b));
-  EXPECT_LT(passed(), 10s) << "deaf after an error";
+  EXPECT_LT(passed(), 10s) << "it answers too late after an error";
   const std::string messages = log.take(1);
   EXPECT_NE(std::string::npos, messages.find("1 sent: -1 1 Operation not permitted\n"));
   EXPECT_NE(std::string::npos, messages.find(") error receive: 12 Cannot allocate memory\n"));
@@ -452,8 +452,8 @@ TEST_F(lifecycle, datagrams_and_errors_of_the_socket) {
       log.take());
 }
 
-// A host that has armed floating-point exceptions, rounds down and handles signals keeps all that, and what is served
-// does not depend on it.
+// A host that has enabled floating-point traps, rounds down and blocks a signal finds all that unchanged, and the
+// values served do not depend on it.
 TEST_F(lifecycle, leaves_its_host_alone) {
   std::string text = port;
   for (const std::string item : {"1\ncomputeformula = 100/value", "2\ncomputeformula = 1/0",
@@ -468,11 +468,11 @@ TEST_F(lifecycle, leaves_its_host_alone) {
   fegetenv(&own);
   fesetround(FE_DOWNWARD);
   feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
-  const int armed = fegetexcept();  // none on a processor that has no such traps
+  const int armed = fegetexcept();  // none if the processor lacks such traps
   const int32_t status = start(context);
   EXPECT_EQ(armed, fegetexcept());
   EXPECT_EQ(FE_DOWNWARD, fegetround());
-  EXPECT_EQ(0, fetestexcept(FE_DIVBYZERO)) << "raised by a constant";
+  EXPECT_EQ(0, fetestexcept(FE_DIVBYZERO)) << "a constant formula raised it";
   fesetenv(&own);
   ASSERT_EQ(0, status);
   const std::string all = "=410500FFFFFFFF";
@@ -484,8 +484,8 @@ TEST_F(lifecycle, leaves_its_host_alone) {
   stop(context);
 }
 
-// The network takes an octet in eight milliseconds, where the machine permits that to be set up; elsewhere the socket
-// behaves as if it did.
+// The network takes an octet every eight milliseconds, if the test has the right to set that up. Otherwise a wrapper
+// makes the socket behave in the same way.
 TEST_F(lifecycle, slow_network_keeps_no_thread_of_the_host_waiting) {
   configure(port + "[ITEM_text]\noid = 1.3.6.1.1\ntype = string\nmeter = s\nmetertype = fast\n");
   const auto run = [&](const char* where) {
@@ -496,7 +496,7 @@ TEST_F(lifecycle, slow_network_keeps_no_thread_of_the_host_waiting) {
     udp_client client(context);
     const int least = 1;
     __real_setsockopt(module()->fd, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
-    // Before the first response: the requests take the same slow way.
+    // All before the first response, because requests take the same slow link.
     for (int i = 0; i < 12; i++) client.tell(get(1, {1}));
     entry->startThread(&context);
     auto longest = 0ms;
@@ -514,7 +514,7 @@ TEST_F(lifecycle, slow_network_keeps_no_thread_of_the_host_waiting) {
     RecordProperty("longest_ms", static_cast<int>(longest.count()));
   };
   bool slow = false;
-  std::jthread([&] {  // the network ends with this thread; a way back is not permitted everywhere
+  std::jthread([&] {  // in a thread, with which the network ends: not every system permits switching back
     slow = unshare(CLONE_NEWNET) == 0 && system(
                                              "ip link set lo up 2>/dev/null && tc qdisc add dev lo root tbf "
                                              "rate 1kbit burst 3000 limit 1mb 2>/dev/null") == 0;
@@ -526,7 +526,7 @@ TEST_F(lifecycle, slow_network_keeps_no_thread_of_the_host_waiting) {
   run("with a full buffer");
 }
 
-// Publishers as fast as they can, requests to both as fast as they are answered, and stops in the middle.
+// Two threads publish, and clients ask both instances, as fast as they can; the instances stop in the middle of it.
 TEST_F(lifecycle, two_instances_answer_side_by_side) {
   torvasin_engine::set_log_level(2);
   const auto publish = [&](std::stop_token over, int speed) {
@@ -567,13 +567,13 @@ TEST_F(lifecycle, two_instances_answer_side_by_side) {
 
 }  // namespace
 
-#ifdef TORVASIN_LIBRARY  // the sanitizers have an allocator of their own
+#ifdef TORVASIN_LIBRARY  // not under sanitizers, which replace malloc themselves
 
 static std::atomic<bool> scarce;  // only the main thread gets memory
 extern "C" void* __libc_malloc(size_t n);
 extern "C" void* malloc(size_t n) { return scarce && gettid() != getpid() ? nullptr : __libc_malloc(n); }
 
-// The library as a host loads it: what it needs in its threads comes from the C library only then.
+// Loads the library as a host does: only then could the C library allocate thread-local variables in its threads.
 TEST_F(lifecycle, pollers_need_no_memory) {
   torvasin_engine::set_log_level(torvasin_engine::log_off);
   void* library = dlopen(TORVASIN_LIBRARY, RTLD_NOW);

@@ -1,5 +1,6 @@
-// A module that tells what it gets, its host's words to systemd too, has two sockets, logs a line of its own for each
-// call, asks for a reload at the 16th call of the fast meters and for the end at the 32nd, and leaves things behind.
+// A module for tests of torvasin_host. It logs what it gets, also what the host tells systemd, and each of the first
+// 32 calls of a callback. It opens two sockets, asks for a reload in the 16th fast call and, once reloaded, for the end
+// from the 32nd on. It releases nothing.
 
 #include <netinet/in.h>
 #include <pthread.h>

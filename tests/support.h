@@ -1,4 +1,4 @@
-// What the tests share beside the client: the captured log, and small conveniences.
+// What the tests share besides the client: the captured log, and small helpers.
 
 #ifndef TORVASIN_TESTS_SUPPORT_H
 #define TORVASIN_TESTS_SUPPORT_H
@@ -16,7 +16,7 @@ inline std::string repeated(size_t times, const std::string& text) {
   return all;
 }
 
-// As the agent's record, whose entries beyond the count hold anything, small numbers too.
+// As the agent's record, but entries beyond the count hold small numbers instead of 0: no lookup may depend on them.
 inline snmp_oid oid_of(const object_id& oid) {
   static uint32_t unused = 0;
   snmp_oid record = {{}, oid.size()};
@@ -25,7 +25,7 @@ inline snmp_oid oid_of(const object_id& oid) {
   return record;
 }
 
-// Captures the log, all levels of it, from its construction to its destruction.
+// Captures the log, at all levels, from its construction to its destruction.
 class captured_log {
  public:
   captured_log() {
@@ -39,7 +39,7 @@ class captured_log {
   }
   ~captured_log() { torvasin_engine::set_log_sink(nullptr, nullptr); }
 
-  // The lines since the last call of this level and above, each as "level text\n", or "level source: text\n".
+  // The lines of this level and above since the last call, each as "level text\n" or "level source: text\n".
   std::string take(int least_level = 2, bool with_source = false) {
     const std::lock_guard guard(mutex_);
     std::string taken;

@@ -1,5 +1,5 @@
-// A host with a thread for each speed, written from torvasin.h, for the probe to try. -DKIND=... makes it one of those
-// that the contract allows, or one with a fault. Usage: HOST PROBE CONFIGURATION.
+// A host with a thread for each speed, written from torvasin.h, for the probe to check. -DKIND=... selects a kind of
+// host that the contract allows, or one with a fault. Usage: HOST PROBE CONFIGURATION.
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -11,7 +11,7 @@
 #include <string.h>
 #include <torvasin.h>
 #include <unistd.h>
-// clang-format off: a table; the first line has correct ones
+// clang-format off: a table; the kinds in the first line are correct
 enum {
   plain, nine_instances, small_arena, own_engines, slow_log,
   log_takes_50_ms, log_takes_the_lock, malloc_takes_the_lock, misaligned, one_block_for_two, realloc_forgets,
@@ -20,7 +20,7 @@ enum {
   removes_nothing, place_lost, removal_calls, removal_of_null, long_name, private_data_null, two_at_once, no_stop
 };
 // clang-format on
-// Of the two speeds. Held during the callbacks; of the host functions only the removal may take them.
+// One lock for each speed, held during its callbacks. Only the host function that removes callbacks may take them.
 static pthread_mutex_t publishing[] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
 static void wait_for_callbacks(void) {
   for (pthread_mutex_t* one = publishing; one < publishing + 2; one++)
@@ -36,7 +36,7 @@ void torvasin_log(int level, const char* source, int line, int flag, const char*
   va_end(arguments);
   if (KIND == log_takes_50_ms) usleep(50000);
   if (KIND == log_takes_the_lock) wait_for_callbacks();
-  if (KIND == slow_log && ++lines % 40 == 0) sleep(1);  // the machine is busy with something else
+  if (KIND == slow_log && ++lines % 40 == 0) sleep(1);  // as if the machine were busy with something else
   dprintf(STDERR_FILENO, "log %d %d %s:%d %s\n", level, flag, source, line, text);
 }
 enum { shift = KIND == misaligned ? 8 : 0 };
@@ -66,7 +66,7 @@ void* torvasin_realloc(void* memory, size_t size) {
   return moved;
 }
 static int compare(const void* one, const void* other) { return strcmp(one, other); }
-// Keeps each distinct text once.
+// Returns the host's copy of a text; equal texts share one.
 static const char* keep(const char* text) {
   static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   static void* kept;
@@ -90,7 +90,7 @@ void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
   if (KIND == borrowed_is_written) *text = '*';
   if (owned != 0) torvasin_free(text);
 }
-struct torvasin_key_value_list {  // one of an array, which one without a key ends
+struct torvasin_key_value_list {  // an element of an array; one without a key ends it
   const char* key;
   torvasin_value value;
 };
@@ -119,7 +119,7 @@ int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* 
 }
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static struct registration {
-  void* engine;  // null where there is none
+  void* engine;  // null in a free place
   torvasin_meter_callback callback;
   void* user;
   int speed;
@@ -130,7 +130,7 @@ static torvasin_plugin_context contexts[9];  // also the engines
 void* torvasin_engine_addCallbackMeterManager(void* engine, int speed, torvasin_meter_callback callback, void* user) {
   pthread_mutex_lock(&lock);
   const long first = KIND == own_engines ? 2 * ((torvasin_plugin_context*)engine - contexts) + speed : 0;
-  struct registration* place = &places[first];  // of an engine of two places, the newer one replaces the older
+  struct registration* place = &places[first];  // own_engines: one per speed; the newer registration replaces the older
   while (KIND != own_engines && place < &places[place_count] && place->engine != NULL) place++;
   const int any = place < &places[place_count];
   if (any) *place = (struct registration){engine, callback, user, speed};

@@ -1,4 +1,4 @@
-// TinyExpr's language and interface, which an installed one keeps as well as ours.
+// TinyExpr's language and interface, as both our implementation and an installed one provide them.
 
 #include "tinyexpr.h"
 
@@ -13,8 +13,8 @@ namespace {
 
 const double infinity = HUGE_VAL, nan = std::nan("");
 
-// Compiles with "value" bound and evaluates when the text is gone, then the same with the number in
-// place of the variable. NaN and a position for an error.
+// Compiles with "value" bound, and evaluates after the text is gone. Then does the same with the
+// number in place of the variable. An error is expected as NaN and a position.
 void check(std::string text, double value, double expected, int position = 0) {
   SCOPED_TRACE(text);
   const te_variable variable = {"value", &value, TE_VARIABLE, nullptr};
@@ -32,12 +32,12 @@ void check(std::string text, double value, double expected, int position = 0) {
   if (at != text.npos) check(text.replace(at, 5, number), value, expected);
 }
 
-// ctest runs it in a locale whose numbers have a comma, where it could make one.
+// ctest runs this in a locale whose numbers have a decimal comma, if the build could make one.
 TEST(TinyExpr, Language) {
   setlocale(LC_ALL, "");
   const char* comma = getenv("TORVASIN_COMMA_LOCALE");
   EXPECT_TRUE(comma == nullptr || *localeconv()->decimal_point == ',') << "no such locale: " << comma;
-  volatile double half = 0.5;  // volatile: the C library gives the expected values, not the compiler
+  volatile double half = 0.5;  // volatile, so that the C library computes the expected values, not the compiler
   const double v = half;
   const std::tuple<double, int, std::vector<std::string>> rows[] = {
       {v, 0, {"value", "-+-value", " (1 ,\t2,\r\n(value)) ", "1, value", "abs -value"}},
@@ -71,12 +71,12 @@ TEST(TinyExpr, Language) {
       {"exp ", exp},   {"ln ", log},    {"floor ", floor}, {"log ", log10}, {"sin ", sin}, {"log10 ", log10},
       {"tan ", tan},   {"sinh ", sinh}, {"tanh ", tanh},   {"sqrt ", sqrt}};
   for (const auto& [name, function] : functions) check(std::string(name) + "value", v, function(v));
-  EXPECT_LT(clock(), 5 * CLOCKS_PER_SEC) << "of this process; an evaluation takes microseconds";
+  EXPECT_LT(clock(), 5 * CLOCKS_PER_SEC) << "processor time of all formulas, which take microseconds each";
 }
 
 #ifdef TORVASIN_OWN_TINYEXPR
 TEST(TinyExpr, BoundsTheDepth) {
-  const std::string open = "1+2*3^pow(value,";  // the most values that can wait at each depth
+  const std::string open = "1+2*3^pow(value,";  // as many pending values as each depth can have
   std::string text = "1+2*3^value";
   for (int i = 0; i < 256; ++i) text = open + text + ")";
   check(text, 1, 7);
