@@ -1,5 +1,5 @@
-// Any text as a configuration: torvasin_config makes of it what the module makes of it, and calls
-// it faulty if the module does.
+// Any text as a configuration: torvasin_config reads it as the module does, and finds an error in
+// it exactly when the module logs one or cannot start.
 
 #include <algorithm>
 #include <cassert>
@@ -11,14 +11,14 @@
 #include "input_file.h"
 #include "support.h"
 
-// torvasin_config's calls come here.
+// The linker routes torvasin_config's calls here.
 extern "C" FILE* __real_fopen(const char* path, const char* mode);
 extern "C" FILE* __wrap_fopen(const char* path, const char* mode) {
   return may_open(path) ? __real_fopen(path, mode) : nullptr;
 }
 
-// Of a longer line, inih's versions make different things, and torvasin_config calls it an error.
-// What stands behind an octet of 0 is not checked.
+// The versions of inih read a longer line differently, and torvasin_config reports it as an error.
+// torvasin_config does not check what follows an octet of 0.
 static bool is_comparable(std::string_view text) {
   constexpr size_t longest_line = 198;
   for (size_t begin = 0, end = 0; end != text.npos; begin = end + 1) {

@@ -1,4 +1,4 @@
-// Any text as a configuration: read, linked, every item served at the extremes of its meter.
+// Any text as a configuration: reads and links it, and serves every item for extreme meter values.
 
 #include <cassert>
 #include <cmath>

@@ -1,4 +1,4 @@
-// The input of a fuzz target as a file in memory, under a name that it can include itself by.
+// The input of a fuzz target as a file in memory, under a name by which it can include itself.
 
 #ifndef TORVASIN_FUZZ_INPUT_FILE_H
 #define TORVASIN_FUZZ_INPUT_FILE_H
@@ -20,14 +20,15 @@ inline void write_input(const uint8_t* data, size_t size) {
   assert(ftruncate(input, 0) == 0 && pwrite(input, data, size, 0) == static_cast<ssize_t>(size));
 }
 
-// A path may lead to a device that never ends, and k inclusions of itself are k^16 readings: only
-// the input can be opened, so many times in a run.
+// Only the input can be opened, because another path may lead to a device that never ends. A run
+// opens it MAX_OPEN_FILES + 1 times at most: often enough to nest as deep as allowed, but not the
+// MAX_FILES times that an input can include itself, which would be slow.
 inline uint32_t readings;
 inline bool may_open(const char* path) {
   return strcmp(path, input_path) == 0 && readings++ <= MAX_OPEN_FILES;
 }
 
-// The module's calls come here.
+// The linker routes the module's calls here.
 extern "C" int __real_ini_parse(const char* path, ini_handler handler, void* user);
 extern "C" inline __attribute__((used)) int __wrap_ini_parse(const char* path, ini_handler handler,
                                                              void* user) {

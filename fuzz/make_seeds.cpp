@@ -1,5 +1,5 @@
-// make_seeds DIRECTORY: writes the first inputs of the targets to its pipeline/, config/ and
-// check/.
+// make_seeds DIRECTORY: writes the initial inputs of the targets to pipeline/, config/ and check/
+// in it.
 
 #include <filesystem>
 #include <fstream>

@@ -1,4 +1,4 @@
-// Any datagram through the request pipeline, against one table of items of all kinds.
+// Any datagram through the request pipeline, with one table that has items of all kinds.
 
 #include <algorithm>
 #include <cassert>
@@ -12,14 +12,14 @@
 namespace {
 
 snmp_module module = {};
-std::set<object_id> served;  // the items' names as they are on the wire
-octets filling;              // a datagram that leaves the agent's records full for the next
+std::set<object_id> served;  // the items' names as they appear on the wire
+octets filling;              // a datagram that leaves the agent's records full for the next one
 
 object_id name_of(const snmp_oid& oid) {
   return {oid.subid, oid.subid + std::max<uint64_t>(oid.count, 2)};
 }
 
-// Every fifth item holds a float, as a meter would have left it.
+// Every fifth item holds a float, as a refresh would leave it.
 void add_item(const std::string& oid, const std::string& type, const char* formula = "") {
   static torvasin_plugin_context context = {"fuzz", nullptr, {}, &module};
   const uint32_t i = module.item_count;
@@ -33,7 +33,7 @@ void add_item(const std::string& oid, const std::string& type, const char* formu
   if (i % 5 == 0 && item->type != ITEM_STRING) torvasin_valueInitFloat(&item->value, meters[i % 4]);
 }
 
-// No second sub-identifier is 40 or more: only then is the order of the table that of the wire.
+// No second sub-identifier is 40 or more: only then do table and wire order OIDs in the same way.
 bool set_up() {
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
   const std::string root = "1.3.6.1.4.1.99999.";
@@ -67,8 +67,8 @@ int32_t keep(void* user, const uint8_t* message, size_t length) {
   return 1;
 }
 
-// The answer to a datagram, empty for none. Datagram and output, of `room` octets, are one buffer
-// or two, with nothing behind them.
+// The answer to a datagram, empty if there is none. The output has `room` octets. The datagram is
+// in the same buffer if in_place. No buffer has room behind it, so a sanitizer sees any overrun.
 octets handle(const octets& datagram, size_t room, bool in_place = false) {
   octets output(room);
   if (in_place) std::copy(datagram.begin(), datagram.end(), output.begin());
@@ -105,8 +105,8 @@ void check_varbinds(const snmp_request& asked, const read_response& got) {
   }
 }
 
-// A response is laid out like a request, so the decoder must read what the encoder wrote, unless a
-// value is empty, which a request may not carry.
+// A response is laid out like a request, so the decoder must read what the encoder wrote. Responses
+// with an empty value other than NULL are left out, because requests may not contain one.
 void check_decodes_again(const snmp_request& asked, const read_response& got, octets message) {
   for (const auto& [found, value] : got.varbinds)
     if (value.size() == 2 && value[0] != BER_NULL) return;
@@ -130,12 +130,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   torvasin_engine::set_log_level(5);
   assert(!handle(filling, SNMP_MAX_DATAGRAM).empty());
   const size_t room = answer.empty() ? SNMP_MAX_DATAGRAM : answer.size();
-  assert(handle(datagram, room) == answer && "depends on the one before, or on the buffers");
+  assert(handle(datagram, room) == answer && "depends on the datagram before, or on the buffers");
   if (answer.empty()) return 0;
   snmp_request asked;
   read_response got;
   assert(decode_snmp_request(&asked, datagram.data(), datagram.size()) == 0);
-  assert(handle(datagram, static_cast<uint32_t>(asked.id) % room).empty());  // too little
+  assert(handle(datagram, static_cast<uint32_t>(asked.id) % room).empty());  // too little room
   assert(read_strictly(answer, &got) == nullptr);
   assert(got.version == asked.ver && got.id == asked.id && got.community == asked.community);
   check_varbinds(asked, got);
