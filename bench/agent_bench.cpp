@@ -1,5 +1,5 @@
-// The agent in process, without sockets: times of one request, or of one lookup in a table or one
-// refresh of it, with the items per second.
+// The agent in process, without sockets: times one request; and one lookup in a table or one
+// refresh of it, these also as items per second.
 
 #include <benchmark/benchmark.h>
 #include <ini.h>
@@ -16,7 +16,7 @@ using namespace torvasin_bench;
 
 constexpr bool ascending = false, shuffled = true;
 
-// The test table as its configuration leaves it.
+// The test table as it is after its configuration is read.
 struct table {
   table(const benchmark::State& state, bool order)
       : count(static_cast<std::uint32_t>(state.range(0))) {
@@ -44,7 +44,7 @@ std::int32_t keep(void* context, const std::uint8_t* message, std::size_t length
 void pipeline(benchmark::State& state, request_kind kind, bool order) {
   const table served(state, order);
   const std::vector<octets> requests = make_requests(kind, table_oids(served.count));
-  std::uint8_t packet[SNMP_MAX_DATAGRAM];  // for the request and the response, as the poller does
+  std::uint8_t packet[SNMP_MAX_DATAGRAM];  // for request and response, as in the poller
   view sent;
   std::size_t next = 0;
   for (auto _ : state) {
@@ -59,7 +59,7 @@ void pipeline(benchmark::State& state, request_kind kind, bool order) {
 
 using lookup = decltype(find_snmp_item);
 
-// Of the last item or of the one after the first: in both cases the lookup visits all.
+// Looks up the last item, or the successor of the first. Both lookups visit all items.
 void find(benchmark::State& state, lookup* search, bool order) {
   const table served(state, order);
   const std::vector<object_id> oids = table_oids(served.count);

@@ -1,8 +1,8 @@
-// The floor of any agent in a host: sends every datagram back with one recvfrom and one sendto, the
-// same calls with the same flags as the agent's poller, until a signal ends it.
+// An echo server, the lower bound for the cost of an agent: sends every datagram back with one
+// recvfrom and one sendto, with the same flags as the agent's poller, until a signal ends it.
 //
-// It serves on a second thread, as the agent does. In a process with two threads or more the kernel
-// counts the references to a socket at each call, which costs about a tenth of an echo.
+// It serves on a second thread, as the agent does: in a process with several threads the kernel
+// counts the references to a socket in each call, which takes about a tenth of an echo's time.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>

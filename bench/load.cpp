@@ -1,9 +1,10 @@
-// A load generator: keeps a number of requests outstanding at a UDP server on this machine for a
-// time, checks every reply, and prints one line of what it measured. It sleeps only among damaged
-// datagrams, where several may run at once; else it polls, so that the server alone sets the pace.
+// A load generator: for a given time keeps a number of requests outstanding at a UDP server on this
+// machine, checks every reply, and prints one line of measurements. It polls for replies, so that
+// only the server limits the rate. With --damage it sleeps instead, because several generators may
+// then run at once.
 //
-// Request-ids count up, and a server of one socket answers in turn. So a reply shows that the
-// server took whatever was sent before it, and that an older request without a reply is lost.
+// Request-ids count up, and a server with one socket answers in order. So a reply shows that the
+// server has received everything sent before it, and that older requests without a reply are lost.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -27,14 +28,15 @@ using clock_type = std::chrono::steady_clock;
 using time_point = clock_type::time_point;
 
 constexpr std::uint32_t first_id = 0x40000000;  // takes four octets, like the placeholder
-constexpr std::uint32_t table_items = 100;      // of the table that is asked for
-constexpr auto patience = 1000ms;               // with a request, before it counts as lost
-constexpr std::size_t largest_reply = 1472;     // a longer one arrives cut off, and so is wrong
+constexpr std::uint32_t table_items = 100;      // items of the table to ask for
+constexpr auto patience = 1000ms;               // until a request counts as lost
+constexpr std::size_t largest_reply = 1472;     // a longer one arrives truncated, so it is wrong
 
-// With its request it takes less than 32 KiB of the server's receive buffer: six sockets with one
-// request outstanding each stay below the default of 208 KiB, so that nothing is dropped.
+// Damaged datagrams before a request. With the request they take less than 32 KiB of the server's
+// receive buffer, 208 KiB by default. So six sockets with one outstanding request each never fill
+// it, and the kernel drops nothing.
 constexpr std::size_t largest_burst = 12;
-constexpr std::size_t largest_damaged = 1600;  // some exceed the 1472 octets that an agent reads
+constexpr std::size_t largest_damaged = 1600;  // octets; some exceed the 1472 that an agent reads
 
 struct options {
   request_kind kind = request_kind::get1;
@@ -52,7 +54,7 @@ class generator {
   generator(const options& given, int fd, std::vector<octets> requests)
       : given_(given), fd_(fd), requests_(std::move(requests)), asked_(given.outstanding) {}
 
-  // Asks until the end, and waits for the replies to what was asked.
+  // Sends requests until the time is over, then waits for the outstanding replies.
   void run() {
     std::uint8_t reply[largest_reply];
     time_point now = clock_type::now();
@@ -66,7 +68,7 @@ class generator {
     }
   }
 
-  // Returns whether the server did what it has to.
+  // Prints the measurements. Returns whether the server answered as it must.
   bool report() const {
     std::printf(
         "replies=%ju replies_per_s=%.0f p50_us=%.1f p99_us=%.1f longest_us=%.1f lost=%ju "
@@ -79,7 +81,7 @@ class generator {
  private:
   time_point& asked(std::uint32_t id) { return asked_[id % asked_.size()]; }
 
-  // What the system does not take is found lost in time.
+  // A request that the system refuses to send counts as lost later, when no reply comes.
   void ask() {
     if (given_.damage) send_burst();
     message_ = requests_[next_ % requests_.size()];
@@ -89,8 +91,8 @@ class generator {
     send(fd_, message_.data(), message_.size(), 0);
   }
 
-  // Requests with a few octets changed or with nothing but noise, half of them of another length.
-  // Their request-ids are not waited for.
+  // Sends requests with a few octets changed, or nothing but noise, half of them with another
+  // length. Nobody waits for replies to them.
   void send_burst() {
     const auto below = [&](std::size_t n) { return random_() % n; };
     const auto any_octet = [&] { return static_cast<std::uint8_t>(random_()); };
@@ -123,7 +125,7 @@ class generator {
     oldest_ = id + 1;
   }
 
-  // The few items that are asked for among damaged requests may end before a GETBULK does.
+  // With --damage, the table may have fewer items than a GETBULK asks for.
   bool is_right() const {
     const auto is_value = [](const auto& varbind) { return varbind.second[0] < 0x80; };
     if (reply_.error_status != 0) return false;
@@ -145,22 +147,22 @@ class generator {
   const options& given_;
   const int fd_;
   const std::vector<octets> requests_;
-  std::uint32_t oldest_ = first_id;  // the requests outstanding are those from here
-  std::uint32_t next_ = first_id;    // up to this one, which is the next to be sent
-  std::vector<time_point> asked_;    // when they were sent
+  std::uint32_t oldest_ = first_id;  // the oldest outstanding request
+  std::uint32_t next_ = first_id;    // the next request to send
+  std::vector<time_point> asked_;    // when the outstanding requests were sent
   octets message_;
   read_response reply_;
   std::mt19937 random_{given_.damage.value_or(0)};
-  std::map<std::int64_t, std::uint64_t> latencies_;  // in steps of 0.1 us, and how many had it
+  std::map<std::int64_t, std::uint64_t> latencies_;  // how many replies took this long, in 0.1 us
   std::uint64_t replies_ = 0;
-  std::uint64_t lost_ = 0;   // requests without a reply
-  std::uint64_t late_ = 0;   // replies to requests given up, or to damaged ones
-  std::uint64_t wrong_ = 0;  // replies that are not as they should be
-  std::uint64_t damaged_ = 0;
+  std::uint64_t lost_ = 0;     // requests without a reply
+  std::uint64_t late_ = 0;     // replies to requests counted as lost, or to damaged ones
+  std::uint64_t wrong_ = 0;    // malformed replies, and answers that differ from what was asked
+  std::uint64_t damaged_ = 0;  // damaged datagrams sent
 };
 
 int open_socket(std::uint16_t port) {
-  constexpr timeval receive_timeout = {0, 20'000};  // so that lost requests are noticed in time
+  constexpr timeval receive_timeout = {0, 20'000};  // lets run() notice lost requests in time
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in server = {};
   server.sin_family = AF_INET;
@@ -187,8 +189,8 @@ object_id parse_oid(std::string text) {
 int main(int argc, char** argv) {
   options given;
   CLI::App app(
-      "Loads a server on this machine with SNMP requests. Fails when no reply comes or one "
-      "is wrong, and with --damage when a request is lost.",
+      "Sends SNMP requests to a server on this machine. Fails when no reply comes or one is wrong, "
+      "and with --damage when a request is lost.",
       "load");
   const std::map<std::string, request_kind> kinds = {{"get1", request_kind::get1},
                                                      {"get20", request_kind::get20},
@@ -197,12 +199,13 @@ int main(int argc, char** argv) {
   app.add_option("request", given.kind, "get1, get20, next1 or bulk20")
       ->transform(CLI::Transformer(kinds));
   app.add_option("--port", given.port, "Port of the server");
-  app.add_option("--outstanding", given.outstanding, "Requests under way at any time")
+  app.add_option("--outstanding", given.outstanding, "Requests outstanding at any time")
       ->check(CLI::PositiveNumber);
   app.add_option("--seconds", given.seconds, "Time to measure");
   app.add_option("--oid", given.oids, "OIDs to ask for, in ascending order");
-  app.add_option("--damage", given.damage, "Seed of damaged datagrams before each request");
-  app.add_flag("--echo", given.echo, "The server is an echo: check the request-ids alone");
+  app.add_option("--damage", given.damage,
+                 "Send damaged datagrams before each request; seed of their random numbers");
+  app.add_flag("--echo", given.echo, "The server is an echo: check only the request-ids");
   app.add_option("--table", given.table, "Print the configuration of a table of N items instead");
   CLI11_PARSE(app, argc, argv);
   if (given.table > 0) {

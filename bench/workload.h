@@ -1,4 +1,4 @@
-// What the benchmarks and the load generator ask for, and the test table that answers it.
+// The requests of the benchmarks and the load generator, and the test table that answers them.
 
 #ifndef TORVASIN_BENCH_WORKLOAD_H
 #define TORVASIN_BENCH_WORKLOAD_H
@@ -13,7 +13,7 @@
 
 namespace torvasin_bench {
 
-// The OIDs of the test table, which ascend: columns of 100 rows, both counted from 1.
+// The OIDs of the test table, in ascending order: columns of 100 rows, both counted from 1.
 inline std::vector<object_id> table_oids(std::uint32_t count) {
   std::vector<object_id> oids;
   for (std::uint32_t i = 0; i < count; i++) {
@@ -22,8 +22,7 @@ inline std::vector<object_id> table_oids(std::uint32_t count) {
   return oids;
 }
 
-// Its items as a configuration has them: in turn a uint, an int, a uint with a formula and a
-// string.
+// The test table as a configuration: in turn a uint, an int, a uint with a formula and a string.
 inline std::string table_ini(std::uint32_t count, bool shuffled = false) {
   static constexpr const char* kinds[] = {
       "type = uint:1234567\nmeter = network.rx_octets\n",
@@ -45,7 +44,7 @@ enum class request_kind {
   get20,   // GET of 20 OIDs
   next1,   // GETNEXT of one OID
   bulk20,  // GETBULK of one OID, 20 repetitions
-  first20  // GETNEXT of 20 OIDs, all of them 1.3, with which a walk begins
+  first20  // GETNEXT of 20 OIDs, all of them 1.3, where a walk begins
 };
 constexpr std::size_t many = 20;
 
@@ -56,12 +55,12 @@ constexpr std::uint8_t pdu_tag(request_kind kind) {
 }
 constexpr std::uint8_t response_tag = 0xA2;
 
-// The request-id of the requests made, in four octets, for a sender to replace.
+// The request-id in generated requests, four octets, which the sender replaces.
 constexpr std::uint8_t placeholder_id[] = {0x80, 0, 0, 0};
 
-// Requests of a kind, to be asked in turn. What they ask for is spread in even steps over the OIDs,
-// which ascend, at least one. A next1 and a bulk20 start where 1 or 20 more follow, or at the first
-// OID when there are not that many.
+// Generates requests of a kind, to send in turn. They ask for OIDs at even distances in `oids`,
+// which must be ascending and not empty. next1 and bulk20 ask only for OIDs that 1 or 20 others
+// follow, or for the first OID if there are not that many.
 inline std::vector<octets> make_requests(request_kind kind, const std::vector<object_id>& oids) {
   request_parts parts = {
       .pdu_tag = pdu_tag(kind), .id = "02 04 " + to_hex(placeholder_id), .varbinds = ""};
