@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034
-# Sourced by the scripts beside it: strict mode, `root` (the tree, which becomes the working
-# directory), `caller` (the working directory until then) and the functions below.
+# Sourced by the scripts beside it. Sets strict mode, changes to the top of the tree (`root`), keeps
+# the former working directory in `caller`, and defines the functions below.
 
 set -euo pipefail
 caller=$PWD
@@ -11,12 +11,12 @@ PATH=$PATH:$root/build/unpacked/usr/bin
 build_packages=(cmake g++ libcli11-dev libfmt-dev libinih-dev ninja-build)
 clang_packages=(clang-19 libclang-rt-19-dev llvm-19) # for the sanitizers and the fuzz targets
 
-# Runs a command with the privileges of root.
+# Runs a command as root.
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
-# Runs a command that downloads, three times if need be. Shows what it printed only if it fails.
+# Runs a command that downloads, and tries up to three times. Shows its output only if it fails.
 thrice() {
   local try output
   for try in 1 2 3; do
@@ -27,7 +27,7 @@ thrice() {
   return 1
 }
 
-# Installs the Debian packages that are missing, quietly, and asks for nothing.
+# Installs those of the named Debian packages that are missing, without questions.
 need_packages() {
   local missing=() package
   for package; do
@@ -41,8 +41,8 @@ need_packages() {
     apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
-# need_unpacked PACKAGE: has the program of this name from a Debian package that is not installed,
-# because Debian would start its service.
+# need_unpacked PACKAGE: makes the program of this name available. Unpacks the Debian package but
+# does not install it, because an installation would start its service.
 need_unpacked() {
   local directory
   ! command -v "$1" >/dev/null || return 0
@@ -58,8 +58,8 @@ need_unpacked() {
   rm -r "$directory"
 }
 
-# Configures a CMake preset once and brings its build up to date. Shows the progress in one line of a
-# terminal, and elsewhere nothing but the line that it begins with.
+# Configures a CMake preset once and brings its build up to date. Shows progress in one line of a
+# terminal; elsewhere prints only which build begins.
 build_preset() {
   [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
   if [ -t 1 ]; then
@@ -70,7 +70,7 @@ build_preset() {
   fi
 }
 
-# await SECONDS COMMAND...: until it succeeds.
+# await SECONDS COMMAND...: repeats a command until it succeeds; fails after SECONDS.
 await() {
   local end=$((SECONDS + $1))
   until "${@:2}"; do
@@ -79,7 +79,7 @@ await() {
   done
 }
 
-# sources NAME...: the files of the tree, but for builds, whose names match one of the patterns.
+# sources PATTERN...: prints the files of the tree, except builds, whose names match a pattern.
 sources() {
   local patterns=() name
   for name; do patterns+=(-o -name "$name"); done
@@ -88,20 +88,20 @@ sources() {
 
 # ---- Servers on loopback ------------------------------------------------------------------------
 #
-# A script that starts some has `trap stop_servers EXIT`, and `rm -rf` of their logs behind it.
+# A script that starts servers sets `trap stop_servers EXIT`, and removes their logs after that.
 
-bound() { # PORT: whether a UDP socket of this machine has it
+bound() { # PORT: whether a UDP socket of this machine is bound to it
   grep -q "$(printf ':%04X ' "$1")" /proc/net/udp
 }
 
-# Sets `port` to a UDP port that nobody has, another one in each script that runs now.
+# Sets `port` to a free UDP port. Scripts that run at the same time choose different ones.
 choose_port() {
   port=$((20000 + $$ % 10000))
   while bound "$port"; do port=$((20000 + RANDOM % 10000)); done
 }
 
-# start_server LOG COMMAND...: runs a server that is to bind `port`, and waits until it does. Sets
-# `server` to its process. When it ends instead, or takes 30 seconds, shows its log and fails.
+# start_server LOG COMMAND...: runs a server that binds `port`, and waits until it has. Sets
+# `server` to its process. If the server ends first or takes 30 seconds, shows its log and fails.
 start_server() {
   local log=$1 try
   "${@:2}" >"$log" 2>&1 &
@@ -111,12 +111,12 @@ start_server() {
     ! bound "$port" || return 0
     sleep 0.1
   done
-  printf '%s does not serve on port %d, seen %d times:\n' "$2" "$port" "$try" >&2
+  printf '%s does not listen on port %d, after %d checks:\n' "$2" "$port" "$try" >&2
   tail -n 5 "$log" >&2
   return 1
 }
 
-# Ends all that the script has started and that still runs.
+# Ends everything that the script has started and that still runs.
 stop_servers() {
   local left
   left=$(jobs -p)
