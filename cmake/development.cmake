@@ -1,6 +1,6 @@
-# What a developer needs besides the libraries and torvasin_agent.h: where to find it all, for
-# pkg-config and for CMake's find_package, and the header for authors of hosts. An installation may
-# be moved as a whole.
+# What developers need besides the libraries and torvasin_agent.h: files by which pkg-config and
+# CMake's find_package find them, and the header for authors of hosts. An installation may be moved
+# as a whole.
 
 include(CMakePackageConfigHelpers)
 
@@ -10,7 +10,8 @@ set(module_dir ${CMAKE_INSTALL_LIBDIR}/torvasin)
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pkgconfig_to_prefix /prefix/${pkgconfig_dir} /prefix)
 
-# torvasin-snmp is for hosts, which load the module; torvasin-agent for programs that link the agent.
+# torvasin-snmp is for hosts, which load the module; torvasin-agent is for programs that link the
+# library.
 foreach(name torvasin-snmp torvasin-agent)
   configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${pkgconfig_dir})

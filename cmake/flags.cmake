@@ -1,4 +1,4 @@
-# torvasin_flags: what every target of the tree is compiled and linked with.
+# torvasin_flags: the compiler and linker options of every target.
 
 add_library(torvasin_flags INTERFACE)
 if(TORVASIN_WARNINGS)
@@ -14,7 +14,7 @@ if(TORVASIN_WARNINGS)
   endif()
 endif()
 
-# Hardening. _FORTIFY_SOURCE needs an optimised build and does not go with the sanitizers.
+# Hardening. _FORTIFY_SOURCE needs an optimised build and does not work with sanitizers.
 target_compile_options(torvasin_flags INTERFACE -fstack-protector-strong -fno-plt)
 target_link_options(torvasin_flags INTERFACE
   -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
@@ -35,7 +35,7 @@ if(TORVASIN_COVERAGE)
   target_link_options(torvasin_flags INTERFACE -fprofile-instr-generate)
 endif()
 
-# torvasin_module_flags: the module's C++ subset, which leaves nothing of the C++ runtime to load.
+# torvasin_module_flags: restricts C++ to a subset that needs no C++ runtime library.
 add_library(torvasin_module_flags INTERFACE)
 target_link_libraries(torvasin_module_flags INTERFACE torvasin_flags)
 target_compile_options(torvasin_module_flags INTERFACE

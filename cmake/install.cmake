@@ -1,5 +1,5 @@
-# What an installation has besides the programs, the module and what is made for developers of
-# hosts: the documents, in the tree's own order, so that their links work, and the manual pages.
+# Installs the documents, in the directories of the tree so that their links work, and the manual
+# pages.
 
 install(FILES README.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY config docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
@@ -7,10 +7,10 @@ install(DIRECTORY config docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
 
 find_program(LOWDOWN lowdown)
 if(NOT LOWDOWN)
-  message(STATUS "Left out: the manual pages, for want of lowdown (Debian package lowdown)")
+  message(STATUS "Skipping the manual pages. Missing: lowdown (Debian package lowdown)")
 endif()
 
-# torvasin_manual(NAME SECTION DOCUMENT): a page from a document that has the sections of one.
+# torvasin_manual(NAME SECTION DOCUMENT): makes a manual page from a document with its structure.
 function(torvasin_manual name section document)
   if(NOT LOWDOWN)
     return()

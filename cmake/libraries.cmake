@@ -1,9 +1,9 @@
-# The module's libraries, as the targets inih and tinyexpr. Found below CMAKE_PREFIX_PATH too.
+# The module's libraries, as the targets inih and tinyexpr. CMAKE_PREFIX_PATH is searched too.
 
 find_package(Threads REQUIRED)
 
-# torvasin_find_library(NAME HEADER): an imported target when both the header and the library are
-# found, else none.
+# torvasin_find_library(NAME HEADER): adds the imported target NAME if it finds both the header and
+# the library.
 function(torvasin_find_library name header)
   string(TOUPPER ${name} upper)
   find_path(${upper}_INCLUDE_DIR ${header})
@@ -18,23 +18,23 @@ endfunction()
 
 torvasin_find_library(inih ini.h)
 if(NOT TARGET inih)
-  message(FATAL_ERROR "inih is not found. It reads the configuration (Debian package libinih-dev).")
+  message(FATAL_ERROR "inih not found. It parses the configuration (Debian package libinih-dev).")
 endif()
 
-# What a formula gives must not depend on the machine that builds the module, so an installed
-# TinyExpr, which reads numbers as the locale of the process has them, is used on request only.
+# The value of a formula must not depend on the machine that builds the module. An installed
+# TinyExpr reads numbers in the locale of the process, so it is used only on request.
 set(TORVASIN_TINYEXPR own CACHE STRING "TinyExpr for formulas: own (src/tinyexpr) or system")
 set_property(CACHE TORVASIN_TINYEXPR PROPERTY STRINGS own system)
 if(TORVASIN_TINYEXPR STREQUAL own)
-  message(STATUS "TinyExpr: src/tinyexpr (-DTORVASIN_TINYEXPR=system takes an installed one)")
+  message(STATUS "TinyExpr: src/tinyexpr (-DTORVASIN_TINYEXPR=system selects an installed one)")
   add_subdirectory(src/tinyexpr)
 elseif(TORVASIN_TINYEXPR STREQUAL system)
   torvasin_find_library(tinyexpr tinyexpr.h)
   if(NOT TARGET tinyexpr)
-    message(FATAL_ERROR "TORVASIN_TINYEXPR is system, but no TinyExpr is found.")
+    message(FATAL_ERROR "TORVASIN_TINYEXPR is system, but no installed TinyExpr was found.")
   endif()
   message(STATUS "TinyExpr: ${TINYEXPR_LIBRARY}, whose numbers depend on the locale of the process")
   target_link_libraries(tinyexpr INTERFACE m)
 else()
-  message(FATAL_ERROR "TORVASIN_TINYEXPR is ${TORVASIN_TINYEXPR}, and must be own or system.")
+  message(FATAL_ERROR "TORVASIN_TINYEXPR is ${TORVASIN_TINYEXPR}, but must be own or system.")
 endif()

@@ -1,9 +1,9 @@
-# torvasin_part(OPTION DEFAULT WHAT NEED...): declares a part of the build and sets OPTION_BUILT to
-# whether it is built. A need is NAME=PACKAGE, a CMake package with the Debian package that brings
-# it, or the option of another part. OPTION is OFF, ON, or AUTO for where every need is met. What is
-# left out for want of something is said in one line.
+# torvasin_part(OPTION DEFAULT WHAT NEED...): declares a part of the build, and sets OPTION_BUILT to
+# ON or OFF. A need is NAME=PACKAGE, a CMake package and the Debian package that contains it, or the
+# option of another part. OPTION is OFF, ON, or AUTO: build the part if all needs are met, else say
+# in one line what is missing.
 function(torvasin_part option default what)
-  set(${option} ${default} CACHE STRING "Build ${what}: ON, OFF, or AUTO where its libraries are found")
+  set(${option} ${default} CACHE STRING "Build ${what}: ON, OFF, or AUTO if libraries are found")
   set(${option}_BUILT OFF PARENT_SCOPE)
   if(NOT ${option})
     return()
@@ -25,8 +25,8 @@ function(torvasin_part option default what)
   if(missing STREQUAL "")
     set(${option}_BUILT ON PARENT_SCOPE)
   elseif(${option} STREQUAL AUTO)
-    message(STATUS "Left out: ${what}, for want of ${missing}")
+    message(STATUS "Skipping ${what}. Missing: ${missing}")
   else()
-    message(FATAL_ERROR "${option} is ${${option}}, but ${what} cannot be built without ${missing}")
+    message(FATAL_ERROR "${option} is ${${option}}, but ${what} needs ${missing}")
   endif()
 endfunction()
