@@ -1,4 +1,4 @@
-// A queue with two workers that answers SNMP as queue.ini says. "job_queue FILE" lists its meters.
+// A queue with two workers that answers SNMP as queue.ini says. "job_queue FILE" lists the meters.
 #define _XOPEN_SOURCE 700
 #include <pthread.h>
 #include <signal.h>
@@ -7,7 +7,7 @@
 #include <torvasin_agent.h>
 #include <unistd.h>
 
-static int jobs[2];  // a pipe of jobs, each the milliseconds that it takes
+static int jobs[2];  // a pipe of jobs; each is the milliseconds that it takes
 static torvasin_gauge* length;
 static torvasin_counter* done;
 
@@ -34,7 +34,7 @@ int main(int count, char** arguments) {
   do torvasin_gauge_add(length, 1);
   while (write(jobs[1], &(int){rand() % 370}, sizeof(int)) > 0 &&
          sigtimedwait(&ends, NULL, &(struct timespec){.tv_nsec = 100000000}) < 0);
-  close(jobs[1]);  // the workers do what still waits, and end
+  close(jobs[1]);  // the workers finish the remaining jobs and end
   for (int i = 0; i < 2; ++i) pthread_join(worker[i], NULL);
   torvasin_agent_destroy(snmp);
 }

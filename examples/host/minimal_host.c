@@ -1,7 +1,7 @@
-// The least that a host of the module needs, in C11. torvasin.h is the contract that it keeps.
+// A minimal host of the module, in C11. It implements the contract in torvasin.h.
 // Usage: minimal_host LIBRARY CONFIGURATION. Until SIGINT or SIGTERM it publishes host.seconds
-// (unsigned, fast: every second) and host.program (text, slow: every ten seconds). The main thread
-// does all of it.
+// (unsigned, fast: every second) and host.program (text, slow: every ten seconds), all on the main
+// thread.
 
 #define _XOPEN_SOURCE 700
 #include <ctype.h>
@@ -17,9 +17,9 @@
 #include <torvasin.h>
 #include <unistd.h>
 
-// Writes a line if standard error takes it at once, and drops it if not: a log must not wait. A
-// pipe that is ready has room for PIPE_BUF octets; the lock keeps them for one thread. Junk that
-// somebody sends must not fill a disk: 20 lines in 10 seconds are written, the others counted.
+// Writes a line if standard error takes it at once, otherwise drops it: a log must not wait. A pipe
+// that is ready has room for PIPE_BUF octets; the lock reserves them for one thread. Writes only 20
+// lines in 10 seconds and counts the others, so that malformed requests cannot fill a disk.
 void torvasin_log(int level, const char* source, int line, int flag, const char* format, ...) {
   static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   static struct timespec begin;
@@ -53,8 +53,8 @@ void torvasin_free(void* memory) { free(memory); }
 
 static int compare(const void* one, const void* other) { return strcmp(one, other); }
 
-// The host's copy of a text. Each distinct text is kept once, until the process ends, so the module
-// may move and free value records. A host whose texts change often must free those replaced.
+// Returns the host's copy of a text, one for all equal texts. Copies are never freed, so the module
+// may move and free value records. A host whose texts change often must free replaced ones.
 static const char* keep(const char* text) {
   static void* kept;
   char** found = tfind(text, &kept, compare);
@@ -79,7 +79,7 @@ void torvasin_valueInitTakeS(torvasin_value* value, char* text, int owned) {
   if (owned != 0) torvasin_free(text);
 }
 
-// A list is an array of these. One without a key ends it.
+// A list is an array of these. An element without a key ends it.
 struct torvasin_key_value_list {
   const char* key;
   torvasin_value value;
@@ -105,11 +105,11 @@ int torvasin_keyValueListGetIU(const torvasin_key_value_list* list, const char* 
   return 0;
 }
 
-// One registration a speed is enough for one instance. The main thread adds, calls and removes
-// callbacks, so there is no lock, and no call to wait for when one is removed. A host with meter
+// One instance needs one registration for each speed. The main thread adds, calls and removes
+// callbacks. So this host needs no lock, and a removal need not wait for a call. A host with meter
 // threads needs both.
 static struct registration {
-  torvasin_meter_callback callback;  // null when there is none
+  torvasin_meter_callback callback;  // null if there is no registration
   void* user;
 } registrations[2];
 
@@ -137,7 +137,7 @@ int main(int argc, char** argv) {
   const torvasin_plugin_entry* entry = library != NULL ? dlsym(library, "plugin_entry_0_6") : NULL;
   if (entry == NULL) return fprintf(stderr, "%s\n", dlerror()), 1;
 
-  sigset_t signals;  // blocked, for sigtimedwait takes them
+  sigset_t signals;  // blocked, so that sigtimedwait can accept them
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
