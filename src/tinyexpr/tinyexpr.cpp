@@ -57,7 +57,7 @@ constexpr size_t max_depth = 256;
 
 // Values that an evaluation may hold at once. At each depth these are up to three left operands,
 // one for each precedence, and the first argument of a two-argument function. The innermost depth
-// has no such argument, but the last value.
+// holds the last value instead of such an argument.
 constexpr size_t max_values = 4 * (max_depth + 1);
 
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
