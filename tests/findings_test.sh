@@ -34,16 +34,16 @@ while IFS='~' read -r lines arguments wanted; do
   "$bin/torvasin_config" $arguments row.ini >out 2>&1 || status=$?
   expect "$arguments: $lines" "$wanted" "$status $(sed -z 's/  */ /g; s/\n$//; s/\n/ | /g' out)"
 done <<'ROWS'
-~check~0 row.ini: warning: no items | row.ini: 0 errors, 1 warning; listens on 127.0.0.1:161
-x~check --quiet none.ini~2 torvasin_config: cannot read 'none.ini': No such file or directory | row.ini:1: error: no [section], key = value or ; comment: 'x'
-[General]\rip = 1.2.3.4\r~check --quiet~0 row.ini: warning: no items | row.ini:1: warning: carriage return within the line: end lines with a line feed
+~check~0 row.ini: warning: no items: the agent has nothing to serve | row.ini: 0 errors, 1 warning; listens on 127.0.0.1:161
+x~check --quiet none.ini~2 torvasin_config: cannot read 'none.ini': No such file or directory | row.ini:1: error: not a [section], key = value or ; comment: 'x'
+[General]\rip = 1.2.3.4\r~check --quiet~0 row.ini: warning: no items: the agent has nothing to serve | row.ini:1: warning: carriage return within the line: end lines with a line feed
 [General] | include = row.ini | include = row.ini~check~1 row.ini:2: error: [General] include: more than 16 files inside one another | row.ini:3: error: [General] include: more than 16 files inside one another | row.ini:3: error: [General] include: more than 256 files | row.ini: 3 errors, 0 warnings; listens on 127.0.0.1:161
-[ITEM_a] | oid = 1.3.1.0 | type = int | x~mib~1 row.ini:4: error: no [section], key = value or ; comment: 'x' | torvasin_config: row.ini has 1 error
-[ITEM_a] | oid = 1.3.1.0 | type = int | x~prometheus~1 row.ini:4: error: no [section], key = value or ; comment: 'x' | torvasin_config: row.ini has 1 error
-[ITEM_a] | oid = 1.3.1.0 | type = int~mib~1 -- a is left out: its OID is too high up. | torvasin_config: no item for a MIB
-[ITEM_a] | oid = 1.40 | type = int~prometheus~1 # a is left out: it has an OID that no request can name. | torvasin_config: no item for a metric
-[ITEM_a] | oid = 1.3.1.0 | type = int | computeformula = value*2 | computeformula = value*~check --no-meters~1 row.ini:5: warning: [ITEM_a] computeformula: given twice, first at row.ini:4 | row.ini:5: error: [ITEM_a] computeformula: 'value*' is no formula over value, such as value*100 | ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW | a 1.3.1.0 int - slow - 0 | row.ini: 1 error, 1 warning; listens on 127.0.0.1:161
-[ITEM_a] | oid = 1.3.1.0 | type = uint | meter = cpu.load | metertype = fast~check --strict --meters meters.ini~0 ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW | a 1.3.1.0 uint cpu.load fast - 0 | note: [ITEM_a]: meter 'cpu.load' is a gauge: an int suits it | row.ini: 0 errors, 0 warnings; listens on 127.0.0.1:161
+[ITEM_a] | oid = 1.3.1.0 | type = int | x~mib~1 row.ini:4: error: not a [section], key = value or ; comment: 'x' | torvasin_config: row.ini has 1 error
+[ITEM_a] | oid = 1.3.1.0 | type = int | x~prometheus~1 row.ini:4: error: not a [section], key = value or ; comment: 'x' | torvasin_config: row.ini has 1 error
+[ITEM_a] | oid = 1.3.1.0 | type = int~mib~1 -- a is left out: its OID is too short for a MIB. | torvasin_config: no item can go into a MIB
+[ITEM_a] | oid = 1.40 | type = int~prometheus~1 # a is left out: it has an OID that no request can name. | torvasin_config: no item can go into an snmp.yml
+[ITEM_a] | oid = 1.3.1.0 | type = int | computeformula = value*2 | computeformula = value*~check --no-meters~1 row.ini:5: warning: [ITEM_a] computeformula: already given at row.ini:4; the last one counts | row.ini:5: error: [ITEM_a] computeformula: 'value*' is not a valid formula; value*100 is one | ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW | a 1.3.1.0 int - slow - 0 | row.ini: 1 error, 1 warning; listens on 127.0.0.1:161
+[ITEM_a] | oid = 1.3.1.0 | type = uint | meter = cpu.load | metertype = fast~check --strict --meters meters.ini~0 ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW | a 1.3.1.0 uint cpu.load fast - 0 | note: [ITEM_a]: meter 'cpu.load' is no counter, so int suits it better than uint | row.ini: 0 errors, 0 warnings; listens on 127.0.0.1:161
 ROWS
 
 # The names of the minimal host, as they lie beside it, in an older file that includes its own and with a list that has a
@@ -61,7 +61,7 @@ for row in 'mib --name MINIMAL-HOST-MIB=MINIMAL-HOST-MIB.txt' 'mib=MINIMAL-HOST-
   [ "${row%=*}" != mib ] || sed -i 's/TORVASIN-MIB/MINIMAL-HOST-MIB/; s/^torvasin /minimalHost /; s/{ torvasin /{ minimalHost /' out
   expect "${row%=*}" '' "$(diff out "$root/examples/host/${row#*=}")"
 done
-expect 'unknown meters, an older exporter' '0 1' "$("$bin/torvasin_config" mib --no-meters snmpmanager.ini | grep -c 'A gauge') $(
+expect 'unknown meters, an older exporter' '0 1' "$("$bin/torvasin_config" mib --no-meters snmpmanager.ini | grep -c '"A gauge') $(
   "$bin/torvasin_config" prometheus --exporter 0.24 --no-meters snmpmanager.ini | grep -c 'auths\|scale')"
 
 # What is drafted for this machine, and for a host whose list has meters of all kinds.
@@ -71,7 +71,7 @@ printf '%b' '[b.x/y]\ntype = float\n[a.1]\ntype = int\nspeed = slow\n[b.x_y]\nty
 expect 'own draft' '0 20 4 0 errors, 0 warnings' "$("$bin/torvasin_config" check --strict draft.ini >out; echo $?) $(grep -c ' 1\.3\.6\.1\.4\.1\.9\.[1-6]\.[0-9]*\.0 ' out) $("$bin/torvasin_config" prometheus draft.ini | grep -c 'scale: 0.01$') $(sed -n 's/.*ini: //; s/;.*//; $p' out)"
 "$bin/torvasin_config" draft --oid .1.3.6.1.4.1.9. --meters meters.ini >draft.ini 2>err
 expect draft "; Drafted by torvasin_config. Delete the items that you do not need. ; snmpmanager.ini(5) explains the keys. \
-; No configuration can name meter '$(printf 'm%.0s' {1..40})'. ; ---- b ---- ; b.x/y ; b.x_y ; "$'\xff'"\" z ; ---- a ---- ; a.1 ; ---- A ---- ; A ; ---- c ---- ; c #"$'\x1b'" d" \
+; Left out: meter '$(printf 'm%.0s' {1..40})', whose name no configuration can contain. ; ---- b ---- ; b.x/y ; b.x_y ; "$'\xff'"\" z ; ---- a ---- ; a.1 ; ---- A ---- ; A ; ---- c ---- ; c #"$'\x1b'" d" \
   "$(grep -a '^;' draft.ini | paste -sd' ' | sed 's/  *$//')"
 "$bin/torvasin_config" check --strict --meters meters.ini draft.ini | sed -E '/^meters/d; s/  +/ /g' >out
 expect 'draft of a list' 'ITEM OID TYPE METER METERTYPE FORMULA SERVES NOW
@@ -97,8 +97,8 @@ expect 'serves now' "$((5 * $(getconf _NPROCESSORS_ONLN) / 2)) 2147483647 0 0 er
 # Texts of 140 octets: ten of them fit no response, nine do. With a number first, the first ten fit, the next do not.
 printf '[ITEM_number]\noid = 1.3.0\ntype = int\n' >texts.ini
 for i in {1..10}; do printf '[ITEM_%d]\noid = 1.3.%d\ntype = string:%0140d\n' "$i" "$i" 0 >>texts.ini; done
-expect neighbours '0 note: no response has room for [ITEM_1] and its next 9 neighbours' \
-  "$("$bin/torvasin_config" check --strict texts.ini >out; echo $?) $(grep neighbours out)"
+expect 'one response' '0 note: the 10 items from [ITEM_1] on do not fit into one response' \
+  "$("$bin/torvasin_config" check --strict texts.ini >out; echo $?) $(grep 'one response' out)"
 
 printf '[General]\n%s' "$(printf 'include = /dev/null%.0s\n' {1..256})" >files.ini
 expect "the file and 255 others" 'files.ini:257: error: [General] include: more than 256 files' "$("$bin/torvasin_config" check --quiet files.ini)"

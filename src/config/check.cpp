@@ -1,4 +1,4 @@
-// What is odd about items, each by itself and among the others, and what they serve.
+// Checks items, each alone and against the others, and finds out what they serve.
 
 #include <algorithm>
 #include <iostream>
@@ -12,7 +12,7 @@ namespace {
 
 using std::string_view;
 
-constexpr std::size_t neighbours = 10;  // what clients ask for at once unless they are told
+constexpr std::size_t neighbours = 10;  // what clients request at once by default
 
 reporter about(findings& found, item& item, item_key key = item_key::unknown) {
   const bool is_named = key != item_key::unknown;
@@ -23,19 +23,21 @@ reporter about(findings& found, item& item, item_key key = item_key::unknown) {
 void check_item(findings& found, item& item) {
   if (item.binding->type == ITEM_STRING && !item.formula.empty()) {
     item.formula.clear();
-    about(found, item, item_key::computeformula).warning("a string takes no formula");
+    about(found, item, item_key::computeformula)
+        .warning("ignored: a string item cannot have a formula");
   }
   if (item.oid().count == 0) {
-    about(found, item).error("no oid: the agent does not start");
+    about(found, item).error("no valid oid: the agent will not start");
   } else if (!can_be_named(item.oid())) {
     about(found, item, item_key::oid)
-        .warning("no request can name {}: begin with 1.3", dotted(item.oid()));
+        .warning("no GET can reach {}: start the OID with 1.3", dotted(item.oid()));
   }
-  if (!item.typed()) about(found, item).warning("no type: answers NULL");
+  if (!item.typed())
+    about(found, item).warning("no type: clients get NULL; write type = int, uint or string");
 }
 
-// The question behind a name that is one letter off a meter's: added, left out, changed, or swapped
-// with its neighbour. Else nothing.
+// A suggestion if the word is one edit away from the name of a meter: a letter added, removed or
+// changed, or two neighbours swapped. Otherwise an empty text.
 std::string did_you_mean(string_view word, const meter_list& meters) {
   for (const listed_meter& meter : meters.all) {
     string_view a = word;
@@ -61,12 +63,13 @@ void check_meter(findings& found, item& item, const meter_list& meters) {
   const auto& [name, place, speed, type, counts, description] = *item.meter;
   if (speed != any_speed && binding.fast != speed) {
     about(found, item, item_key::metertype)
-        .warning("meter {} is {}", in_quotes(name), torvasin_host::speed_name(speed));
+        .warning("{0} is a {1} meter: write {1}", in_quotes(name),
+                 torvasin_host::speed_name(speed));
   }
   if (item.typed() && !item_takes(static_cast<snmp_item_type>(binding.type), type)) {
     about(found, item, item_key::type)
-        .warning("{} takes no {}, which meter {} is: write {}", words_of(binding.type).name,
-                 torvasin_host::type_name(static_cast<torvasin_value_type>(type)), in_quotes(name),
+        .warning("{} does not accept meter {} of type {}: write {}", words_of(binding.type).name,
+                 in_quotes(name), torvasin_host::type_name(static_cast<torvasin_value_type>(type)),
                  words_of(type == TORVASIN_FLOAT ? ITEM_INT : type).name);
   }
 }
@@ -77,12 +80,12 @@ void check_duplicates(findings& found, const std::vector<item*>& order) {
     if (compare_oid(&item.oid(), &order[first]->oid()) != 0) first = i;
     if (first == i) continue;
     about(found, item, item_key::oid)
-        .warning("{} is the OID of {} at {}, which answers a GET", dotted(item.oid()),
+        .warning("{} is also the OID of {} at {}: a GET returns only that one", dotted(item.oid()),
                  label_of(order[first]->section), found.text(order[first]->at(item_key::oid)));
   }
 }
 
-// Whether the answer to a GETBULK of neighbours can be encoded.
+// Whether these items fit into the response to one GETBULK.
 bool fit_one_response(std::span<item* const> asked) {
   const snmp_request request = {"public", PDU_GETBULK, SNMP_V2C, INT32_MAX, 0, neighbours, {}, 1};
   snmp_response response{};
@@ -97,7 +100,7 @@ bool fit_one_response(std::span<item* const> asked) {
 
 void check_items(configuration& config) {
   if (config.items.empty() && config.found.count(severity::error) == 0) {
-    reporter{config.found, {0, 0}, ""}.warning("no items");
+    reporter{config.found, {0, 0}, ""}.warning("no items: the agent has nothing to serve");
   }
   for (item& each : config.items) {
     check_item(config.found, each);
@@ -110,22 +113,22 @@ void print_notes(configuration& config) {
   const std::vector<item*> order = config.in_oid_order();
   const auto bare = [](const item* each) { return each->oid().subid[each->oid().count - 1] != 0; };
   if (const auto first = std::ranges::find_if(order, bare); first != order.end()) {
-    std::cout << fmt::format("note: {} of {} OIDs do not end in .0 and have no type in a MIB: {}\n",
-                             std::ranges::count_if(order, bare), order.size(),
-                             label_of((*first)->section));
+    std::cout << fmt::format(
+        "note: {} of {} OIDs do not end in .0 and get no type in a MIB; the first is {}\n",
+        std::ranges::count_if(order, bare), order.size(), label_of((*first)->section));
   }
   for (const item* each : order) {
     const listed_meter* meter = each->meter;
     if (!each->typed() || each->binding->type != ITEM_UINT || meter == nullptr) continue;
     if (meter->counts == 1 || !item_takes(ITEM_INT, meter->type)) continue;
-    std::cout << fmt::format("note: {}: meter {} is a gauge: an int suits it\n",
+    std::cout << fmt::format("note: {}: meter {} is no counter, so int suits it better than uint\n",
                              label_of(each->section), in_quotes(meter->name));
   }
   for (std::size_t i = 0; i < order.size(); ++i) {
     const auto asked = std::span(order).subspan(i, std::min(neighbours, order.size() - i));
     if (fit_one_response(asked)) continue;
-    std::cout << fmt::format("note: no response has room for {} and its next {} neighbours\n",
-                             label_of(order[i]->section), asked.size() - 1);
+    std::cout << fmt::format("note: the {} items from {} on do not fit into one response\n",
+                             asked.size(), label_of(order[i]->section));
     break;
   }
 }

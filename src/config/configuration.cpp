@@ -1,4 +1,4 @@
-// Reads a configuration into the module, and says what is odd about its lines.
+// Reads a configuration into the module and reports what looks wrong in its lines.
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -20,10 +20,10 @@ using std::string_view;
 
 // ---- Values ------------------------------------------------------------------------------------
 
-// Whether there is room for a text, of which the module has taken all or as much as fits.
+// Whether the module took the whole text; it keeps as much as fits.
 bool check_length(const reporter& report, string_view text, string_view taken) {
   if (text == taken) return true;
-  report.warning("too long: {} octets, limit {}", text.size(), taken.size());
+  report.warning("{} octets long: only the first {} are read", text.size(), taken.size());
   return false;
 }
 
@@ -31,17 +31,19 @@ void check_address(const reporter& report, const char* value, const char* taken)
   const in_addr address = {inet_addr(taken)};
   in_addr plain{};
   if (!check_length(report, value, taken)) return;
-  if (address.s_addr == INADDR_NONE) return report.warning("{} is no address", in_quotes(taken));
+  if (address.s_addr == INADDR_NONE)
+    return report.warning("{} is not an IPv4 address: no request will reach the agent",
+                          in_quotes(taken));
   if (inet_pton(AF_INET, taken, &plain) == 1) return;
   report.warning("{} is read as {}", in_quotes(taken), inet_ntoa(address));
 }
 
-// The module reads the number that the text begins with, and keeps as much as it has bits for.
+// The module reads the number at the start of the text and keeps the low bits that fit its type.
 void check_number(const reporter& report, const char* text, std::int64_t taken) {
   char* end = nullptr;
   const std::int64_t number = std::strtoll(text, &end, 10);
-  if (*end != '\0') return report.warning("text behind the number, read as {}", taken);
-  if (number != taken) report.warning("out of range, read as {}", taken);
+  if (*end != '\0') return report.warning("text after the number: read as {}", taken);
+  if (number != taken) report.warning("number out of range: read as {}", taken);
 }
 
 void check_first_value(const reporter& report, const char* value, const torvasin_value& taken) {
@@ -51,7 +53,7 @@ void check_first_value(const reporter& report, const char* value, const torvasin
   check_number(report, colon + 1, is_int ? taken.payload.int32 : int64_t{taken.payload.uint32});
 }
 
-// A comma stands between arguments when no operator can stand in its place.
+// A comma separates arguments if putting an operator in its place breaks the formula.
 void check_commas(const reporter& report, std::string formula, const te_variable* variable) {
   for (char& letter : formula) {
     if (letter != ',') continue;
@@ -60,11 +62,11 @@ void check_commas(const reporter& report, std::string formula, const te_variable
     letter = ',';
     te_free(sum);
     if (sum == nullptr) continue;
-    return report.warning("what stands before the comma is lost; a fraction has a point");
+    return report.warning("the part before the comma is ignored: write a decimal point");
   }
 }
 
-// The text of a string may well have a #, but hardly one between blanks.
+// A string may well contain a #, but hardly one between blanks.
 bool seems_to_have_comment(const std::string& value) {
   static const std::regex mark(R"((^|\s)#)");
   static const std::regex mark_between_blanks(R"((^|\s)#(\s|$))");
@@ -86,7 +88,8 @@ void take_general_key(configuration& config, const ini_line& line, const reporte
     const std::string fault = read_file(config, line.value);
     const bool is_elsewhere = line.value[0] != '/' && access(line.value, F_OK) != 0;
     if (fault.empty()) return;
-    return report.error("{}{}", fault, is_elsewhere ? ", seen from the working directory" : "");
+    return report.error("{}{}", fault,
+                        is_elsewhere ? " (a relative path starts at the working directory)" : "");
   }
   if (!line.continues && key != general_key::unknown) report.warn_if_repeated();
   apply(config, line);
@@ -95,18 +98,18 @@ void take_general_key(configuration& config, const ini_line& line, const reporte
       return check_address(report, line.value, config.module.ip);
     case general_key::port:
       if (!config.refused) return check_number(report, line.value, config.module.port);
-      return report.error("{} is no number from 0 to 65535", in_quotes(line.value));
+      return report.error("{} is not a number from 0 to 65535", in_quotes(line.value));
     case general_key::include:
     case general_key::unknown:
       break;
   }
-  report.error("unknown key: write one of {}", fmt::join(general_key_names, ", "));
+  report.error("unknown key; the keys here are {}", fmt::join(general_key_names, ", "));
 }
 
 void take_item_key(configuration& config, const ini_line& line, const reporter& report) {
   apply(config, line);
   const std::int32_t i = get_or_create_item(&config.module, line.section + item_prefix.size());
-  if (i < 0) return report.error("no memory");
+  if (i < 0) return report.error("out of memory");
   if (config.items.size() < config.module.item_count) {
     config.items.emplace_back().section = line.section;
     config.items.back().places.fill(config.found.first.at(label_of(line.section)));
@@ -122,33 +125,34 @@ void take_item_key(configuration& config, const ini_line& line, const reporter& 
       return;
     case item_key::metertype:
       if (line.value == string_view("fast") || line.value == string_view("slow")) return;
-      return report.warning("{} is neither fast nor slow, read as slow", in_quotes(line.value));
+      return report.warning("{} is neither fast nor slow: read as slow", in_quotes(line.value));
     case item_key::type:
       if (!config.refused) return check_first_value(report, line.value, binding.value);
-      return report.error("{} is no type: write int, uint, string or, with a first value, int:-5",
-                          in_quotes(line.value));
+      return report.error(
+          "{} is not a type: write int, uint or string, or with a first value int:-5",
+          in_quotes(line.value));
     case item_key::computeformula:
       item.formula = config.refused ? "" : line.value;
       if (!config.refused) return check_commas(report, line.value, &config.module.formula_vars);
-      return report.error("{} is no formula over value, such as value*100", in_quotes(line.value));
+      return report.error("{} is not a valid formula; value*100 is one", in_quotes(line.value));
     case item_key::oid:
       if (!config.refused) return;
-      return report.error("{} is no OID of up to 19 numbers, such as 1.3.6.1.4.1.99999.1.0",
+      return report.error("{} is not an OID of 1 to 19 numbers, such as 1.3.6.1.4.1.99999.1.0",
                           in_quotes(line.value));
     case item_key::unknown:
       break;
   }
-  report.error("unknown key: write one of {}", fmt::join(item_key_names, ", "));
+  report.error("unknown key; the keys here are {}", fmt::join(item_key_names, ", "));
 }
 
 // ---- Sections and files ------------------------------------------------------------------------
 
-// Returns whether the keys of the line's section mean something.
+// Reports an unknown section. Returns whether the keys in the line's section have a meaning.
 bool take_section(configuration& config, const ini_line& line) {
   const string_view name = line.section;
   if (line.section_at.line == 0) {
     const reporter here = {config.found, line.at, ""};
-    here.error("{} stands before the first section", in_quotes(line.key));
+    here.error("{} comes before the first [section]", in_quotes(line.key));
     return false;
   }
   const reporter report = {config.found, line.section_at, label_of(name)};
@@ -156,7 +160,7 @@ bool take_section(configuration& config, const ini_line& line) {
   check_length(report, line.written, name);
   if (name == general_section) return true;
   if (name.starts_with(item_prefix) && name != item_prefix) return true;
-  report.error("unknown section: write [General], or [ITEM_] with a name");
+  report.error("unknown section: write [General] or [ITEM_name]");
   return false;
 }
 
@@ -165,7 +169,7 @@ void take_line(configuration& config, const ini_line& line) {
   const reporter report = {config.found, line.at, label_of(line.section, line.key)};
   (line.section == general_section ? take_general_key : take_item_key)(config, line, report);
   if (seems_to_have_comment(line.value) && config.meters.find(line.value) == nullptr) {
-    report.warning("the # is part of the value; a comment begins with ;");
+    report.warning("the # is part of the value; a comment starts with ;");
   }
 }
 
@@ -181,7 +185,7 @@ std::string read_file(configuration& config, const std::string& path) {
   std::string fault =
       read_ini(path, config.found, [&](const ini_line& line) { take_line(config, line); });
   module.open_files--;
-  if (!fault.empty()) module.files_read--;  // which counts those that were opened
+  if (!fault.empty()) module.files_read--;  // which counts files that could be opened
   return fault;
 }
 
@@ -193,7 +197,7 @@ configuration::configuration(const std::string& path, const meter_list& known) :
       [](const torvasin_engine::log_record&, void* flag) { *static_cast<bool*>(flag) = true; },
       &refused);
   module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
-  module.port = 161;  // until the file gives another, like the address
+  module.port = 161;  // the module's default, as is the address
   string_view("127.0.0.1").copy(module.ip, sizeof module.ip);
   fault = read_file(*this, path);
   for (std::size_t i = 0; i < items.size(); ++i) {

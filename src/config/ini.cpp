@@ -1,4 +1,4 @@
-// Ini files, line by line, and the findings about them.
+// Reads ini files line by line and reports lines that cannot be read.
 
 #include <ini.h>
 #include <sys/stat.h>
@@ -21,31 +21,31 @@ constexpr char blanks[] = " \t\n\v\f\r";
 constexpr char blanks_and_mark[] = " \t\n\v\f\r\xEF\xBB\xBF";  // and the byte order mark
 constexpr std::size_t room = INI_MAX_LINE - 1;
 
-// One file, while it is read.
+// The state of reading one file.
 struct reading {
   std::FILE* file;
   findings& found;
   const ini_taker& take;
   place here;           // the latest line
   place section_at;     // line 0 before the first section
-  std::string line;     // as much of it as inih has room for
-  std::string section;  // as it is written
-  std::string key;      // that an indented line continues; empty for none
+  std::string line;     // as much of it as inih reads
+  std::string section;  // as written
+  std::string key;      // the key that an indented line would continue; empty if there is none
   bool skips_key = false;
   bool has_key = false;
 };
 
-// Reads the next line. False at the end of what can be read.
+// Reads the next line. Returns false when nothing more can be read.
 bool read_line(reading& state) {
   std::string& line = state.line;
   std::size_t length = 0;
-  std::size_t content = 0;  // the length without blanks at the end
+  std::size_t content = 0;  // the length without trailing blanks
   ++state.here.line;
   line.clear();
   const reporter report = {state.found, state.here, ""};
   for (int octet = 0; octet != '\n' && (octet = std::getc(state.file)) != EOF;) {
     if (octet == '\0') {
-      report.error("octet of 0: not a text file, the rest is not checked");
+      report.error("zero octet: this is not a text file; the rest is not checked");
       return false;
     }
     ++length;
@@ -65,7 +65,7 @@ int hand_over_key(void* user, const char* section, const char* key, const char* 
   const bool continues = !state.key.empty() && std::strchr(blanks, state.line[0]) != nullptr;
   if (continues) {
     const reporter report = {state.found, state.here, label_of(section, key)};
-    report.warning("indented, so {} is another value of this key", in_quotes(value));
+    report.warning("indented, so {} is read as another value of this key", in_quotes(value));
   }
   state.has_key = true;
   state.key = key;
@@ -73,8 +73,8 @@ int hand_over_key(void* user, const char* section, const char* key, const char* 
   return 1;
 }
 
-// Hands over what inih makes of the latest line, behind the section and the key that it belongs to.
-// (Of a whole file, its versions differ in what they make of a line that they have no room for.)
+// Lets inih parse the latest line, with the section and key that it belongs to in front of it.
+// (Given a whole file, inih's versions disagree about lines that are too long.)
 void hand_over_line(reading& state) {
   const std::string& line = state.line;
   state.skips_key = state.here.line > 1;
@@ -85,7 +85,7 @@ void hand_over_line(reading& state) {
   if (faulty) {
     const reporter report = {state.found, state.here, ""};
     text = line.substr(0, line.find_last_not_of(blanks) + 1);
-    report.error("no [section], key = value or ; comment: {}", in_quotes(text));
+    report.error("not a [section], key = value or ; comment: {}", in_quotes(text));
   } else if (!state.has_key && begin != line.npos && line[begin] == '[') {
     state.section = line.substr(begin + 1, line.find(']') - begin - 1);
     state.section_at = state.here;
@@ -112,7 +112,7 @@ void reporter::add(severity kind, const std::string& text) const {
 
 void reporter::warn_if_repeated() const {
   const place before = found.first.try_emplace(label, at).first->second;
-  if (before != at) warning("given twice, first at {}", found.text(before));
+  if (before != at) warning("already given at {}; the last one counts", found.text(before));
 }
 
 std::size_t findings::count(severity kind) const {

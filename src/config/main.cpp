@@ -1,4 +1,4 @@
-// torvasin_config: checks a configuration of the agent, names what it serves, and drafts one.
+// torvasin_config: checks a configuration of the agent, names its items, and drafts one.
 
 #include <arpa/inet.h>
 
@@ -20,8 +20,8 @@ namespace {
 enum exit_status { exit_good = 0, exit_fault = 1, exit_unusable = 2 };
 
 struct options {
-  std::vector<std::string> files;     // one, but for check
-  std::optional<std::string> meters;  // a file; else those of torvasin_host
+  std::vector<std::string> files;     // one, except for check
+  std::optional<std::string> meters;  // a file that lists them; none for those of torvasin_host
   bool no_meters = false;
   bool strict = false;
   bool quiet = false;
@@ -44,7 +44,7 @@ std::string errors_in(const std::string& path, const findings& found) {
   return printable(path) + " has " + found.counted(severity::error);
 }
 
-// The meters that the options ask for. What is wrong with a file of them goes to `out`.
+// The meters that the options ask for. Findings about a file of meters go to `out`.
 meter_list meters_for(const options& given, std::ostream& out) {
   if (!given.meters) return given.no_meters ? meter_list{} : own_meters();
   meter_list meters;
@@ -112,11 +112,11 @@ exit_status print_names(const options& given, const std::function<void(configura
 
 // ---- Command line ------------------------------------------------------------------------------
 
-// A check of a value.
+// A validator for CLI11, which returns what is wrong with a value.
 auto matches(const char* pattern, const char* example) {
   return [=](const std::string& value) {
     if (std::regex_match(value, std::regex(pattern))) return std::string();
-    return in_quotes(value) + " is no name such as " + example;
+    return in_quotes(value) + " is not a valid name; an example is " + example;
   };
 }
 
@@ -124,19 +124,21 @@ std::string take_oid(const std::string& text, snmp_oid& oid) {
   constexpr std::size_t added = 3;
   parse_oid(text.c_str(), &oid);
   if (can_be_named(oid) && oid.count + added <= OID_TEXT_SUBIDS) return "";
-  return in_quotes(text) + " is no OID for items to be below, such as 1.3.6.1.4.1.99999";
+  return in_quotes(text) + " cannot have items below it; an OID that can is 1.3.6.1.4.1.99999";
 }
 
-// A subcommand with what all share. It takes up to so many files.
+// Adds a subcommand with the options that all share. It takes up to `files` files.
 CLI::App* add_command(CLI::App& app, const char* name, const char* words, options& given,
                       int files) {
   CLI::App* command = app.add_subcommand(name, words);
-  CLI::Option* meters = command->add_option("--meters", given.meters, "List of a host's meters");
+  CLI::Option* meters = command->add_option(
+      "--meters", given.meters, "Use the meters listed in FILE (default: those of torvasin_host)");
   meters->option_text("FILE");
   if (files == 0) return command;
   CLI::Option* file = command->add_option("FILE", given.files, "Configuration of the agent");
   file->required()->expected(1, files)->option_text(" ");
-  CLI::Option* none = command->add_flag("--no-meters", given.no_meters, "Check nothing of meters");
+  CLI::Option* none =
+      command->add_flag("--no-meters", given.no_meters, "Skip the checks that need the meters");
   none->excludes(meters)->option_text(" ");
   return command;
 }
@@ -144,21 +146,22 @@ CLI::App* add_command(CLI::App& app, const char* name, const char* words, option
 exit_status run(int argc, char** argv) {
   options given;
   exit_status status = exit_good;
-  CLI::App app("Checks a configuration of the SNMP agent, names what it serves, or drafts one.",
-               "torvasin_config");
+  CLI::App app(
+      "Checks a configuration of the SNMP agent, prints names for its items, or drafts one.",
+      "torvasin_config");
   app.require_subcommand(1);
   app.set_version_flag("--version", "torvasin_config " TORVASIN_VERSION, "Print the version");
   const auto add = [&](const char* name, const char* words, int files) {
     return add_command(app, name, words, given, files);
   };
 
-  CLI::App* command = add("check", "Say what is wrong in FILE, and what it serves", INT_MAX);
+  CLI::App* command = add("check", "Report mistakes in FILE and list what it serves", INT_MAX);
   command->add_flag("--strict", given.strict, "Exit with 1 for warnings too");
-  command->add_flag("--quiet", given.quiet, "Print nothing but what is wrong");
+  command->add_flag("--quiet", given.quiet, "Print only the mistakes");
   command->callback([&] { status = check(given); });
 
-  command = add("mib", "Print a MIB", 1);
-  command->add_option("--name", given.mib, "Its name (default: TORVASIN-MIB)")
+  command = add("mib", "Print a MIB that names the items", 1);
+  command->add_option("--name", given.mib, "Name of the MIB (default: TORVASIN-MIB)")
       ->check(matches("(?=.{1,32}$)[A-Z][A-Za-z0-9]*(-[A-Za-z0-9]+)*", "SITE-MIB"))
       ->option_text("NAME");
   command->callback([&] {
@@ -166,10 +169,13 @@ exit_status run(int argc, char** argv) {
   });
 
   command = add("prometheus", "Print an snmp.yml for prometheus-snmp-exporter", 1);
-  command->add_option("--name", given.module, "Name of the module in it (default: torvasin)")
+  command
+      ->add_option("--name", given.module, "Name of the module in the snmp.yml (default: torvasin)")
       ->check(matches("[A-Za-z_][A-Za-z0-9_]*", "site"))
       ->option_text("NAME");
-  command->add_option("--exporter", given.exporter, "Its version: 0.21, 0.24 or 0.28 (default)")
+  command
+      ->add_option("--exporter", given.exporter,
+                   "Version of the exporter: 0.21, 0.24 or 0.28 (default)")
       ->check(matches("0\\.(21|24|28)", "0.28"))
       ->option_text("VERSION");
   command->callback([&] {
@@ -179,7 +185,7 @@ exit_status run(int argc, char** argv) {
   });
 
   command = add("draft", "Print a configuration with an item for each meter", 0);
-  command->add_option("--oid", "OID of your organisation, to have the items below")
+  command->add_option("--oid", "Put the items below this OID of your organisation")
       ->check([&](const std::string& text) { return take_oid(text, given.oid); })
       ->required()
       ->option_text("OID");
@@ -198,7 +204,7 @@ exit_status run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   using namespace torvasin_config;
-  std::set_new_handler([] { std::_Exit(fail(exit_unusable, "there is no memory left")); });
+  std::set_new_handler([] { std::_Exit(fail(exit_unusable, "out of memory")); });
   try {
     const exit_status status = run(argc, argv);
     return std::cout.flush() ? status : fail(exit_fault, "cannot write the output");

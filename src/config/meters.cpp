@@ -13,7 +13,7 @@ using std::string_view;
 
 constexpr std::uint32_t no_type = UINT32_MAX;
 
-// A key whose value is one of a few words, in the order of their numbers.
+// The keys whose value is one of a few words. The index of a word is its number.
 constexpr string_view speeds[] = {"slow", "fast"};
 constexpr string_view types[] = {"uint", "int", "float", "text"};
 constexpr string_view answers[] = {"no", "yes"};
@@ -33,9 +33,9 @@ void take_meter_key(listed_meter& meter, const ini_line& line, const reporter& r
     const auto at = std::ranges::find(words, line.value);
     meter.*number = static_cast<std::uint32_t>(at - words.begin());
     if (at != words.end()) return;
-    return report.error("{} is none of {}", in_quotes(line.value), fmt::join(words, ", "));
+    return report.error("{} is not one of {}", in_quotes(line.value), fmt::join(words, ", "));
   }
-  report.error("unknown key: write speed, type, counts or description");
+  report.error("unknown key; the keys are speed, type, counts, description");
 }
 
 }  // namespace
@@ -58,19 +58,20 @@ std::string read_meters(const std::string& path, findings& found, meter_list& li
   std::string fault = read_ini(path, found, [&](const ini_line& line) {
     if (line.key == nullptr) {
       if (const listed_meter* same = list.find(line.written)) {
-        reporter{found, line.at, label_of(line.written)}.error("given twice, first at {}",
+        reporter{found, line.at, label_of(line.written)}.error("already listed at {}",
                                                                found.text(same->at));
       }
       list.all.push_back({std::string(line.written), line.at, any_speed, no_type, 0, ""});
     } else if (list.all.empty()) {
-      reporter{found, line.at, ""}.error("{} stands before the first section", in_quotes(line.key));
+      reporter{found, line.at, ""}.error("{} comes before the first [section]",
+                                         in_quotes(line.key));
     } else {
       take_meter_key(list.all.back(), line, {found, line.at, label_of(line.written, line.key)});
     }
   });
   for (const listed_meter& meter : list.all) {
     if (meter.type != no_type) continue;
-    reporter{found, meter.at, label_of(meter.name)}.error("no type: write {}",
+    reporter{found, meter.at, label_of(meter.name)}.error("no type; the types are {}",
                                                           fmt::join(types, ", "));
   }
   return fault;

@@ -1,4 +1,4 @@
-// The subcommands that print a file: mib and prometheus, with names for the items, and draft.
+// The subcommands that print a file: mib and prometheus, which name the items, and draft.
 
 #include <fmt/chrono.h>
 #include <ini.h>
@@ -23,8 +23,8 @@ std::string lower_case(std::string text) {
   return text;
 }
 
-// The letters and digits of a text, a capital for each that follows something else: memory_total is
-// memoryTotal.
+// Keeps the letters and digits of a text and capitalises those that follow anything else:
+// memory_total becomes memoryTotal.
 std::string camel_case(std::string_view text) {
   std::string result;
   bool word_begins = false;
@@ -39,7 +39,7 @@ std::string camel_case(std::string_view text) {
   return result.empty() || std::isdigit(result[0]) != 0 ? "item" + result : result;
 }
 
-// Makes a name unlike all that are used but for the case, with a number at its end. Uses it.
+// Appends a number to the name if it is used already, in any case, and marks the result as used.
 std::string unused_name(const std::string& name, std::set<std::string>& used) {
   std::string result = name;
   for (unsigned n = 2; !used.insert(lower_case(result)).second; ++n)
@@ -50,12 +50,12 @@ std::string unused_name(const std::string& name, std::set<std::string>& used) {
 struct named_item {
   std::string name;
   std::uint32_t type;  // enum snmp_item_type
-  bool counts;         // only grows, and starts again from 0
+  bool counts;         // only grows, and wraps to 0
   std::string formula;
-  std::string source;  // what the meter is, and which
+  std::string source;  // description and name of the meter
   snmp_oid oid;
   snmp_oid node = oid;  // in a MIB
-  bool scalar = false;  // the node is an object, of which the item is the instance; else a name
+  bool scalar = false;  // the node is an object and the item its instance; else only a name
 };
 
 named_item describe(const item& item, const std::string& name) {
@@ -73,16 +73,16 @@ std::string with_formula(const named_item& item) {
   return fmt::format("{}, where value is {}", item.formula, item.source);
 }
 
-// The items that can have a name, in the order of their OIDs. Why the others cannot is added to
-// `left_out`, a line for each behind the mark of a comment. No two names are alike but for the
-// case. None is the reserved one, a word that readers of MIBs keep for themselves, or the metric
-// that Prometheus itself adds. (Its others, and the exporter's, have a _ in their names.) Of an
-// item's 44 characters at most, all are below the 64 that SMI allows.
+// Names the items, in the order of their OIDs. For each item that cannot be named, adds a comment
+// line with the reason to `left_out`; `mark` starts a comment. Names differ in more than case, and
+// none is `reserved`, a keyword of MIB parsers, or `up`, a metric that Prometheus itself adds. (Its
+// other metrics, and those of the exporter, have a _ in their names.) Items have at most 44
+// characters, so names stay below the 64 that SMI allows.
 std::vector<named_item> name_items(configuration& config, const std::string& reserved,
                                    const char* mark, std::string& left_out) {
   std::set<std::string> used = {"iso",       "ccitt",    "current", "deprecated",        "obsolete",
                                 "mandatory", "optional", "up",      lower_case(reserved)};
-  std::map<const item*, std::string> names;  // given in the order of the file
+  std::map<const item*, std::string> names;  // assigned in the order of the file
   for (const item& each : config.items) {
     names[&each] = unused_name(camel_case(each.binding->name), used);
   }
@@ -104,21 +104,21 @@ std::vector<named_item> name_items(configuration& config, const std::string& res
 
 std::runtime_error nothing_for(const std::string& output, const std::string& left_out) {
   std::cerr << left_out;
-  return std::runtime_error("no item for " + output);
+  return std::runtime_error("no item can go into " + output);
 }
 
-// Whether an OID begins with all of an arc.
+// Whether an OID starts with the whole of an arc.
 bool is_below(const snmp_oid& oid, const snmp_oid& arc) {
   return oid.count >= arc.count && std::equal(arc.subid, arc.subid + arc.count, oid.subid);
 }
 
 // ---- MIB ---------------------------------------------------------------------------------------
 
-// 1.3.6.1.4.1.N: the arc of an enterprise, which is the MIB itself. SMI defines what is above.
+// 1.3.6.1.4.1.N: the arc of an enterprise, which identifies the MIB. SMI defines the arcs above.
 constexpr std::size_t enterprise_numbers = 7;
 
-// Finds the nodes of items. An OID that ends in 0 is an instance, unless the object would have more
-// below it.
+// Finds the nodes of the items. An OID that ends in .0 is the instance of an object, unless other
+// items stand below that object.
 void place_nodes(std::vector<named_item>& items, std::string& left_out) {
   for (std::size_t i = 0; i < items.size(); ++i) {
     snmp_oid parent = items[i].oid;
@@ -130,12 +130,12 @@ void place_nodes(std::vector<named_item>& items, std::string& left_out) {
   }
   std::erase_if(items, [&left_out](const named_item& item) {
     if (item.node.count > enterprise_numbers && item.node.subid[0] <= 2) return false;
-    left_out += fmt::format("-- {} is left out: its OID is too high up.\n", item.name);
+    left_out += fmt::format("-- {} is left out: its OID is too short for a MIB.\n", item.name);
     return true;
   });
 }
 
-// As SMI writes it, below the identity's arc where it is.
+// The OID in SMI's notation, relative to the identity if it is below the identity's arc.
 std::string value_of(const snmp_oid& oid, const snmp_oid& arc, const std::string& identity) {
   constexpr const char* roots[] = {"ccitt", "iso", "joint-iso-ccitt"};
   const bool inside = is_below(oid, arc);
@@ -144,11 +144,11 @@ std::string value_of(const snmp_oid& oid, const snmp_oid& arc, const std::string
 }
 
 std::string stamp(std::time_t time) {
-  constexpr std::time_t no_smi_before = 631152000;  // the year 1990
+  constexpr std::time_t no_smi_before = 631152000;  // SMI allows no earlier year than 1990
   return fmt::format("{:%Y%m%d%H%MZ}", fmt::gmtime(std::max(time, no_smi_before)));
 }
 
-// A text of SMI is ASCII, and a quotation mark ends it, whatever stands before that.
+// SMI texts are ASCII, and a quotation mark ends them; nothing can escape it.
 std::string smi_text(std::string text) {
   for (char& letter : text) {
     if (letter < 0 || letter == '"') letter = '\'';
@@ -156,7 +156,7 @@ std::string smi_text(std::string text) {
   return printable(text);
 }
 
-// 0 the module, 1 its identity, 2 when it changed, 3 the file, 4 the value of the identity.
+// 0: MIB name, 1: its identity, 2: time of the last change, 3: file, 4: value of the identity.
 constexpr char mib_head[] = R"({0} DEFINITIONS ::= BEGIN
 
 IMPORTS
@@ -168,10 +168,10 @@ IMPORTS
     ORGANIZATION "torvasin_snmp"
     CONTACT-INFO "The operator of the agent."
     DESCRIPTION
-        "What an agent with the configuration {3} serves. It has no Gauge32:
-         a Counter32 that is said to be a gauge is to be taken as it is."
+        "What the agent serves with {3}. It has no Gauge32: where a
+         description begins with 'A gauge', show the Counter32 as it is, without a rate."
     REVISION "{2}"
-    DESCRIPTION "Made from the configuration by torvasin_config."
+    DESCRIPTION "Generated from the configuration by torvasin_config."
     ::= {4}
 )";
 
@@ -179,7 +179,7 @@ constexpr char object[] = "\n{} OBJECT-TYPE\n    SYNTAX      {}\n    MAX-ACCESS 
 
 // ---- Prometheus --------------------------------------------------------------------------------
 
-// 0 is the name of the module.
+// 0: the module's name.
 constexpr char before_0_23[] = "{}:\n    version: 2\n    auth:\n      community: public\n";
 constexpr char since_0_23[] =
     "auths:\n  public_v2:\n    version: 2\n    community: public\nmodules:\n  {}:\n";
@@ -189,8 +189,8 @@ constexpr char metric[] = R"(      - name: {}
 {}        help: "{}"
 )";
 
-// What to multiply an item with to have its meter again, if its formula is one multiplication or
-// division by a constant; else 0.
+// The factor that turns an item's value back into its meter's, if the formula is one multiplication
+// or division by a constant; otherwise 0.
 double scale_of(const std::string& formula) {
   char operation = '*';
   double constant = 0;
@@ -220,7 +220,7 @@ constexpr char head[] = R"(; Drafted by torvasin_config. Delete the items that y
 ip = 127.0.0.1
 port = 1161
 )";
-// 0 what the meter is, 1 the item, 2 to 5 the values.
+// 0: description, 1: item, 2 to 5: values of the keys.
 constexpr char section[] = R"(
 ; {}
 [ITEM_{}]
@@ -230,7 +230,7 @@ metertype = {}
 type = {}
 )";
 
-constexpr std::size_t longest_name = 40;  // a number may follow, and inih cuts after 44
+constexpr std::size_t longest_name = 40;  // a number may follow, and inih cuts names at 44
 
 bool ends_word(char letter) {
   return std::isalnum(static_cast<unsigned char>(letter)) == 0;
@@ -241,7 +241,7 @@ std::string item_name(std::string meter, std::set<std::string>& used) {
   return unused_name(meter.substr(0, longest_name), used);
 }
 
-// Whether the module reads the name of a meter as it is meant.
+// Whether the module would read back the meter's name unchanged.
 bool can_be_written(const std::string& meter) {
   std::string read;
   const auto take = [](void* user, const char*, const char*, const char* value) {
@@ -254,7 +254,7 @@ bool can_be_written(const std::string& meter) {
 }
 
 void print_item(const listed_meter& meter, const std::string& name, const std::string& oid) {
-  // Hundredths of a size would leave the range of an int at 20 GiB in KiB, and nobody needs them.
+  // Hundredths of a KiB would exceed an int at 20 GiB, and nobody needs them.
   const bool is_size = meter.name.ends_with("_kib") || meter.name.ends_with("_mib");
   const bool is_float = meter.type == TORVASIN_FLOAT;
   const auto type = !is_float ? meter.type : meter.counts == 0 ? ITEM_INT : ITEM_UINT;
@@ -275,7 +275,7 @@ void print_mib(configuration& config, const std::string& module_name) {
   auto items = name_items(config, identity, "--", left_out);
   place_nodes(items, left_out);
   if (items.empty()) throw nothing_for("a MIB", left_out);
-  snmp_oid arc = items.back().node;  // the last stays as items come and go
+  snmp_oid arc = items.back().node;  // the last one is the most stable as items come and go
   arc.count = enterprise_numbers;
   const std::string& path = config.found.files[0];
   std::cout << fmt::format(mib_head, module_name, identity, stamp(config.found.changed),
@@ -299,7 +299,7 @@ void print_prometheus(configuration& config, const std::string& module_name, int
   std::string metrics;
   snmp_oid above{};
   for (const named_item& item : name_items(config, "", "#", left_out)) {
-    // For the exporter it would be an instance of that metric.
+    // The exporter would take it for an instance of that metric.
     if (above.count > 0 && is_below(item.oid, above)) {
       left_out +=
           fmt::format("# {} is left out: its OID is below that of another item.\n", item.name);
@@ -309,9 +309,9 @@ void print_prometheus(configuration& config, const std::string& module_name, int
     oids += fmt::format("      - {}\n", dotted(item.oid));
     metrics += metric_of(item, has_scale);
   }
-  if (metrics.empty()) throw nothing_for("a metric", left_out);
+  if (metrics.empty()) throw nothing_for("an snmp.yml", left_out);
   std::cout << "# For prometheus-snmp-exporter 0." << minor_version
-            << "; made by torvasin_config.\n"
+            << "; generated by torvasin_config.\n"
             << left_out
             << fmt::format(fmt::runtime(minor_version < 23 ? before_0_23 : since_0_23), module_name)
             << "    max_repetitions: 10\n    get:\n"
@@ -326,14 +326,14 @@ void print_draft(const meter_list& meters, const snmp_oid& above) {
     const std::string word(meter.name.begin(), std::ranges::find_if(meter.name, ends_word));
     auto group = std::ranges::find(groups, word, [](const auto& each) { return each.first; });
     if (!can_be_written(meter.name)) {
-      left_out += fmt::format("; No configuration can name meter {}.\n",
+      left_out += fmt::format("; Left out: meter {}, whose name no configuration can contain.\n",
                               in_quotes(meter.name.substr(0, longest_name)));
       continue;
     }
     if (group == groups.end()) group = groups.insert(group, {word, {}});
     group->second.push_back(&meter);
   }
-  if (groups.empty()) throw std::runtime_error("no meter for an item");
+  if (groups.empty()) throw std::runtime_error("no meter can become an item");
   std::cout << head << left_out;
   std::set<std::string> used;
   for (std::size_t i = 0; i < groups.size(); ++i) {

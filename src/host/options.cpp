@@ -25,7 +25,7 @@ std::string take_level(std::string& level) {
     if (level == log_level_names.at(static_cast<std::size_t>(number))) level = digit;
     if (level == digit) return "";
   }
-  return level + " is none of trace, warning, error, failure and off, nor 1 to 5";
+  return level + " is not trace, warning, error, failure, off or 1 to 5";
 }
 
 // A flag without a value is "true".
@@ -48,23 +48,25 @@ void add_run_options(CLI::App& app, options& parsed) {
   const auto with = [](const char* words, const std::string& otherwise) {
     return std::string(words) + " (default: " + otherwise + ")";
   };
-  add("--module", parsed.module, "PATH", with("Module to load", "the one of this program"));
-  add("--conf-file", parsed.conf_file, "PATH",
-      with("Configuration file of the module", parsed.conf_file));
-  add("--name", parsed.name, "NAME", with("Name of the module instance", parsed.name))
+  add("--module", parsed.module, "PATH",
+      with("Module to load", "the one that came with this program"));
+  add("--conf-file", parsed.conf_file, "PATH", with("Configuration file", parsed.conf_file));
+  add("--name", parsed.name, "NAME", with("Name of the agent in the log", parsed.name))
       ->check(name_fault);
-  add("--affinity", parsed.affinity, "MASK", "Processors of the module's thread, decimal or 0x")
+  add("--affinity", parsed.affinity, "MASK",
+      "Processors for the agent's thread: a bit mask, decimal or 0x")
       ->check(CLI::Range(1U, unsigned{INT32_MAX}));
-  add("--renice", parsed.renice, "N", "Change of the nice value of the module's thread, -39 to 39")
+  add("--renice", parsed.renice, "N",
+      "Add N, from -39 to 39, to the nice value of the agent's thread")
       ->check(CLI::Range(-most_niceness, most_niceness));
   add("--fast-ms", parsed.fast_ms, "N",
-      with("Period of the fast meters, milliseconds", std::to_string(parsed.fast_ms)))
+      with("Read the fast meters every N milliseconds", std::to_string(parsed.fast_ms)))
       ->check(period);
   add("--slow-ms", parsed.slow_ms, "N",
-      with("Period of the slow meters, milliseconds", std::to_string(parsed.slow_ms)))
+      with("Read the slow meters every N milliseconds", std::to_string(parsed.slow_ms)))
       ->check(period);
   add("--log-level", parsed.log_level, "LEVEL",
-      "Lowest level to log: trace, warning (default), error, failure or off, or 1 to 5")
+      "Log this level and higher: trace, warning (default), error, failure or off, or 1 to 5")
       ->transform(CLI::Validator(take_level, ""));
 }
 
@@ -74,8 +76,8 @@ void add_modes(CLI::App& app, options& parsed) {
                                       "Print the versions of this program and of the module");
   version->option_text(" ");
   app.add_flag("--list-meters", parsed.list_meters,
-               "Print the meters of this machine with their values, or with =ini as a file that "
-               "torvasin_config reads")
+               "Print the meters of this machine and their values, or with =ini a file for "
+               "torvasin_config")
       ->transform(CLI::Validator(take_list_form, ""))
       ->excludes(version)
       ->option_text("[=ini]");
@@ -89,9 +91,9 @@ bool has_empty(int argc, const char* const* argv) {
 }  // namespace
 
 bool parse_options(int argc, const char* const* argv, options& parsed) {
-  CLI::App app("Loads a module and feeds it meters of this machine, until SIGINT or SIGTERM.",
+  CLI::App app("Runs an SNMP agent that serves meters of this machine, until SIGINT or SIGTERM.",
                "torvasin_host");
-  app.set_help_flag("-h,--help", "Print this text");
+  app.set_help_flag("-h,--help", "Print this help message and exit");
   add_run_options(app, parsed);
   add_modes(app, parsed);
   try {
