@@ -42,8 +42,8 @@ void check_address(const reporter& report, const char* value, const char* taken)
 void check_number(const reporter& report, const char* text, std::int64_t taken) {
   char* end = nullptr;
   const std::int64_t number = std::strtoll(text, &end, 10);
-  if (*end != '\0') return report.warning("text after the number: read as {}", taken);
-  if (number != taken) report.warning("number out of range: read as {}", taken);
+  if (*end != '\0') return report.warning("text after the number, read as {}", taken);
+  if (number != taken) report.warning("number out of range, read as {}", taken);
 }
 
 void check_first_value(const reporter& report, const char* value, const torvasin_value& taken) {
@@ -125,7 +125,7 @@ void take_item_key(configuration& config, const ini_line& line, const reporter& 
       return;
     case item_key::metertype:
       if (line.value == string_view("fast") || line.value == string_view("slow")) return;
-      return report.warning("{} is neither fast nor slow: read as slow", in_quotes(line.value));
+      return report.warning("{} is neither fast nor slow, read as slow", in_quotes(line.value));
     case item_key::type:
       if (!config.refused) return check_first_value(report, line.value, binding.value);
       return report.error(

@@ -130,7 +130,8 @@ void place_nodes(std::vector<named_item>& items, std::string& left_out) {
   }
   std::erase_if(items, [&left_out](const named_item& item) {
     if (item.node.count > enterprise_numbers && item.node.subid[0] <= 2) return false;
-    left_out += fmt::format("-- {} is left out: its OID is too short for a MIB.\n", item.name);
+    left_out += fmt::format("-- {} is left out: its OID {}.\n", item.name,
+                            item.node.subid[0] > 2 ? "begins with 3" : "is too short for a MIB");
     return true;
   });
 }
