@@ -10,7 +10,8 @@ if(NOT LOWDOWN)
   message(STATUS "Skipping the manual pages. Missing: lowdown (Debian package lowdown)")
 endif()
 
-# torvasin_manual(NAME SECTION DOCUMENT): makes a manual page from a document with its structure.
+# torvasin_manual(NAME SECTION DOCUMENT): makes a manual page from a document. Its title, the first
+# heading, is for browsers only: the page omits it and raises the other headings by one level.
 function(torvasin_manual name section document)
   if(NOT LOWDOWN)
     return()
@@ -20,8 +21,9 @@ function(torvasin_manual name section document)
   # The first line of a page with tables tells man(1) to run tbl.
   file(WRITE ${PROJECT_BINARY_DIR}/man/first_line "'\\\" t\n")
   add_custom_command(OUTPUT ${page}
-    COMMAND ${LOWDOWN} -s -Tman --out-no-smarty --nroff-nolinks --parse-no-intraemph -o ${page}.body
-      -M title=${name} -M section=${section} -M "source=torvasin_snmp ${PROJECT_VERSION}" ${source}
+    COMMAND sed -e 1d -e "s/^##/#/" ${source} |
+      ${LOWDOWN} -s -Tman --out-no-smarty --nroff-nolinks --parse-no-intraemph -o ${page}.body
+      -M title=${name} -M section=${section} -M "source=torvasin_snmp ${PROJECT_VERSION}"
     COMMAND ${CMAKE_COMMAND} -E cat ${PROJECT_BINARY_DIR}/man/first_line ${page}.body > ${page}
     DEPENDS ${source} VERBATIM)
   add_custom_target(${name}.${section} ALL DEPENDS ${page})
