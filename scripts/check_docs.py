@@ -8,20 +8,21 @@
   which begins at the top of the tree, beside an agent that serves the example. 127.0.0.1:1161 in a
   command stands for this agent, 2161 for a free port. Numbers (not OIDs) and texts in quotes may
   differ. "..." stands for anything, alone on a line for any lines.
+- docs/terminal.svg shows what its commands print, by the same rule.
 """
 
+import itertools
 import os
 import pathlib
-import random
 import re
 import subprocess
 import sys
-import tempfile
-import time
+
+import pictures
+import session
 
 DOCUMENTS = [*pathlib.Path(".").glob("*.md"), *pathlib.Path(".").glob("docs/*.md"),
              *pathlib.Path(".").glob("examples/**/*.md")]
-END = "-- end of a command --"
 LITERALS = r'(?:\s*"(?:[^"\\]|\\.)*")+'
 
 
@@ -77,61 +78,39 @@ def reference_faults(document):
 
 
 def pattern(shown):
-    shown = re.escape(re.sub(r"\s*\n", "\n", comparable(shown)))
+    shown = re.escape(re.sub(r"\s*\n", "\n", session.comparable(shown)))
     return re.sub(r"(?m)^\\\.\\\.\\\.\\\n", "(?s:.*)", shown).replace(r"\.\.\.", ".*")
 
 
-def comparable(output):
-    output = re.sub(r'"[^"\n]*"', '""', output)
-    output = re.sub(r"(?<![\w.])-?\d+(\.\d+)?(e[+-]?\d+)?(?![\w.])", "0", output)
-    return re.sub(r"[ \t]+", " ", output)
-
-
-def command_faults(document, ports):
+def command_faults(document, stand_ins):
     blocks = re.findall(r"^```console\n(.*?)^```", document.read_text(), re.M | re.S)
     commands = re.findall(r"^\$ ((?:.*\\\n)*.*\n)((?:(?!\$ ).*\n)*)", "".join(blocks), re.M)
-    script = "".join(f"{command}printf '\\n{END}\\n'\n" for command, _ in commands)
-    for shown, port in ports.items():
-        script = script.replace(shown, port)
-    run = subprocess.run(["bash", "-c", script], stdout=subprocess.PIPE, timeout=120,
-                         stderr=subprocess.STDOUT, text=True, errors="replace")
-    outputs = run.stdout.split(f"\n{END}\n") + [""] * len(commands)
+    outputs = session.run([command for command, _ in commands], stand_ins)
     for (command, shown), output in zip(commands, outputs):
-        if not re.fullmatch(pattern(shown), re.sub(r"\s*\n", "\n", comparable(output))):
+        if not re.fullmatch(pattern(shown), re.sub(r"\s*\n", "\n", session.comparable(output))):
             yield f"{document}: {command}prints\n{output}"
 
 
-def start_agent(scratch):
-    for port in random.sample(range(20000, 40000), 20):
-        file = pathlib.Path(scratch, "agent.ini")
-        file.write_text(f"[General]\ninclude = config/snmpmanager.ini\nport = {port}\n")
-        agent = subprocess.Popen(["torvasin_host", "--conf-file", file], stderr=subprocess.DEVNULL)
-        time.sleep(2)  # for the first values of all meters
-        if agent.poll() is None:
-            return agent, port
-    sys.exit("scripts/check-docs: no agent to ask")
+def picture_faults(stand_ins):
+    shown = pathlib.Path(pictures.PICTURE).read_text().split("\n")
+    for line, now in itertools.zip_longest(shown, pictures.terminal(stand_ins).split("\n")):
+        if session.comparable(line or "") != session.comparable(now or ""):
+            yield f"{pictures.PICTURE} is stale, scripts/pictures draws it anew:\n{line}\n{now}"
+            return
 
 
 def all_faults():
     yield from message_faults()
     yield from key_faults()
-    with tempfile.TemporaryDirectory() as scratch:
-        pathlib.Path(scratch, "cert_indexes").mkdir()  # net-snmp tells of directories that it makes
-        os.environ["SNMP_PERSISTENT_DIR"] = scratch
-        os.environ["TMPDIR"] = scratch
+    with session.beside_agent() as (scratch, stand_ins):
         subprocess.run(["cmake", "--install", "build/default", "--prefix", f"{scratch}/usr"],
                        stdout=subprocess.DEVNULL, check=True)
         os.environ["PKG_CONFIG_PATH"] = str(*pathlib.Path(scratch).glob("usr/**/pkgconfig"))
         os.environ["LD_LIBRARY_PATH"] = os.path.dirname(os.environ["PKG_CONFIG_PATH"])
-        agent, port = start_agent(scratch)
-        ports = {"127.0.0.1:1161": f"127.0.0.1:{port}", "2161": str(port + 1)}
-        try:
-            for document in DOCUMENTS:
-                yield from reference_faults(document)
-                yield from command_faults(document, ports)
-        finally:
-            agent.terminate()
-            agent.wait()
+        yield from picture_faults(stand_ins)
+        for document in DOCUMENTS:
+            yield from reference_faults(document)
+            yield from command_faults(document, stand_ins)
 
 
 faults = list(all_faults())
