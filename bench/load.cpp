@@ -157,7 +157,7 @@ class generator {
   std::uint64_t replies_ = 0;
   std::uint64_t lost_ = 0;     // requests without a reply
   std::uint64_t late_ = 0;     // replies to requests counted as lost, or to damaged ones
-  std::uint64_t wrong_ = 0;    // malformed replies, and answers that differ from what was asked
+  std::uint64_t wrong_ = 0;    // malformed replies, errors, and answers that lack a value
   std::uint64_t damaged_ = 0;  // damaged datagrams sent
 };
 

@@ -66,7 +66,7 @@ TEST(lookups, agree_with_a_plain_search) {
 
 const object_id a = {1, 3, 6, 1, 1}, b = {1, 3, 6, 1, 2, 1}, c = {1, 3, 6, 1, 2, 1, 5}, d = {1, 3, 6, 1, 4, 1, 9, 1};
 const object_id e = {1, 3, 6, 2147483648}, before = {1, 3, 6, 1}, unknown = {1, 3, 6, 1, 2, 1, 7};
-// Not in OID order, so that the index, which is the value, tells which item answered.
+// Not in OID order. Each item's value is its index, which tells which item answered.
 const std::vector<snmp_item> table = table_of({b, d, e, c, a});
 
 using oids = std::initializer_list<object_id>;

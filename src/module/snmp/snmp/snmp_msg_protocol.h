@@ -72,9 +72,9 @@ enum ber_tag : uint8_t {
   PDU_REPORT = 0xA8,
 };
 
-// An octet of one encoded value; a ber_tlv* points at its first: tag, then length (one octet below
-// 128, 0x81 and one octet below 256, 0x82 and two octets below 65536, most significant first), then
-// content.
+// An octet of one encoded value. A ber_tlv* points at its tag, which length and content follow. A
+// length below 128 takes one octet, below 256 0x81 and one octet, below 65536 0x82 and two octets,
+// most significant first.
 using ber_tlv = uint8_t;
 
 // Produces one value's octets. Stores their number in *size_out unless size_out is null. With a
