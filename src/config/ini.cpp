@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "config/config.h"
-#include "host/readable.h"
+#include "engine/readable.h"
 
 namespace torvasin_config {
 namespace {
@@ -144,7 +144,7 @@ std::string read_ini(const std::string& path, findings& found, const ini_taker& 
   const auto cannot_read = [&path](const std::string& reason) {
     return "cannot read " + in_quotes(path) + ": " + reason;
   };
-  const std::string unfit = found.files.empty() ? torvasin_host::file_fault(path) : "";
+  const std::string unfit = found.files.empty() ? torvasin_engine::file_fault(path) : "";
   std::FILE* file = unfit.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
   if (file == nullptr) return cannot_read(unfit.empty() ? std::strerror(errno) : unfit);
   const auto known = std::ranges::find_if(found.files, [&path](const std::string& other) {

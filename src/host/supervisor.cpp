@@ -28,9 +28,9 @@
 
 #include "engine/key_value_list.h"
 #include "engine/log.h"
+#include "engine/readable.h"
 #include "host/meters.h"
 #include "host/printable.h"
-#include "host/readable.h"
 #include "host/signals.h"
 
 namespace torvasin_host {
@@ -208,8 +208,7 @@ void supervisor::stop() {
 
 // Whether the configuration can be read again. A pipe cannot: the start has emptied it.
 bool supervisor::may_reload() {
-  std::string fault = file_fault(given_.conf_file);
-  if (fault.empty() && !is_regular(given_.conf_file)) fault = "Not a regular file";
+  const std::string fault = file_fault(given_.conf_file, another_reading);
   if (fault.empty()) return true;
   fail(fmt::format("not reloaded: cannot read {}: {}", given_.conf_file, fault));
   return false;
