@@ -21,7 +21,7 @@ struct table {
   table(const benchmark::State& state, bool order)
       : count(static_cast<std::uint32_t>(state.range(0))) {
     torvasin_plugin_context context = {"bench", nullptr, {}, &module};
-    module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
+    init_snmp_module(&module);
     pthread_mutex_init(&module.lock, nullptr);
     ini_parse_string(table_ini(count, order).c_str(), ini_handler_cb, &context);
     link_snmp_items(&module);
@@ -29,7 +29,7 @@ struct table {
   ~table() { release_items(&module); }
 
   std::uint32_t count;
-  snmp_module module = {};
+  snmp_module module;
 };
 
 void table_sizes(benchmark::internal::Benchmark* benchmark) {

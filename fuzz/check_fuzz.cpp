@@ -51,10 +51,8 @@ static void compare(const snmp_module& module, const snmp_module& checked) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!is_comparable({reinterpret_cast<const char*>(data), size})) return 0;
   write_input(data, size);
-  snmp_module module = {};
-  module.port = 161;
-  strcpy(module.ip, "127.0.0.1");
-  module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
+  snmp_module module;
+  init_snmp_module(&module);
   torvasin_plugin_context context = {"fuzz", nullptr, {}, &module};
   bool faulty;
   {

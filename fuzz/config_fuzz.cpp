@@ -19,8 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static captured_log log;
   log.take(5);
   write_input(data, size);
-  snmp_module module = {};
-  module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
+  snmp_module module;
+  init_snmp_module(&module);
   torvasin_plugin_context context = {"fuzz", nullptr, {}, &module};
   readings = 0;
   parse_config_file(&context, input_path);

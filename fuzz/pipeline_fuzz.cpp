@@ -11,7 +11,7 @@
 
 namespace {
 
-snmp_module module = {};
+snmp_module module;
 std::set<object_id> served;  // the items' names as they appear on the wire
 octets filling;              // a datagram that leaves the agent's records full for the next one
 
@@ -35,7 +35,7 @@ void add_item(const std::string& oid, const std::string& type, const char* formu
 
 // No second sub-identifier is 40 or more: only then do table and wire order OIDs in the same way.
 bool set_up() {
-  module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
+  init_snmp_module(&module);
   const std::string root = "1.3.6.1.4.1.99999.";
   for (const char* type :
        {"int:-2147483648", "int:-32769", "int:-128", "int:128", "int:2147483647", "uint:0",

@@ -15,8 +15,7 @@ using namespace std::literals;
 // A module without socket or threads, as it is while its configuration is read.
 struct configuration : testing::Test {
   configuration() {
-    module.port = 161;
-    module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
+    init_snmp_module(&module);
     pthread_mutex_init(&module.lock, nullptr);
   }
   ~configuration() override {
@@ -44,7 +43,7 @@ struct configuration : testing::Test {
   }
 
   captured_log log;
-  snmp_module module = {};
+  snmp_module module;
   torvasin_plugin_context context = {"test", nullptr, {}, &module};
 };
 

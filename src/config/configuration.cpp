@@ -196,9 +196,7 @@ configuration::configuration(const std::string& path, const meter_list& known) :
   torvasin_engine::set_log_sink(
       [](const torvasin_engine::log_record&, void* flag) { *static_cast<bool*>(flag) = true; },
       &refused);
-  module.formula_vars = {"value", &module.formula_value, TE_VARIABLE, nullptr};
-  module.port = 161;  // the module's default, as is the address
-  string_view("127.0.0.1").copy(module.ip, sizeof module.ip);
+  init_snmp_module(&module);
   fault = read_file(*this, path);
   for (std::size_t i = 0; i < items.size(); ++i) {
     module.items[i].writer_ctx = &module.bindings[i];

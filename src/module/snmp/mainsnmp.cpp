@@ -289,6 +289,13 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user) {
 //
 // Reads the configuration file and applies each key line to the module or to an item.
 
+void init_snmp_module(snmp_module* module) {
+  memset(module, 0, sizeof *module);
+  module->port = 161;
+  copy_text(module->ip, "127.0.0.1");
+  module->formula_vars = {"value", &module->formula_value, TE_VARIABLE, nullptr};
+}
+
 namespace {
 
 using std::string_view;
@@ -661,8 +668,6 @@ void* module_thread_loop(void* argument) {
 namespace {
 
 constexpr char default_config_file[] = "snmpmanager.ini";
-constexpr char default_ip[] = "127.0.0.1";
-constexpr uint16_t default_port = 161;
 constexpr timeval receive_timeout = {1, 0};  // bounds how long a stop takes
 constexpr timeval send_timeout = {0, 1000};  // bounds how long a slow network blocks the lock
 
@@ -778,9 +783,7 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
     SNMP_LOG(FAILURE, "%s: no memory for the module", __func__);
     return -1;
   }
-  memset(module, 0, sizeof *module);
-  module->port = default_port;
-  copy_text(module->ip, default_ip);
+  init_snmp_module(module);
   // SOCK_CLOEXEC: a program that the host starts meanwhile must not keep the port in use.
   module->fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (module->fd < 0) {
@@ -789,7 +792,6 @@ int32_t startCycle(torvasin_plugin_context* context, const torvasin_key_value_li
     return -1;
   }
   context->private_data = module;
-  module->formula_vars = {"value", &module->formula_value, TE_VARIABLE, nullptr};
   if (start_module(context, module, list) == 0) return 0;
 
   close_socket(module);

@@ -128,6 +128,10 @@ int meter_callback_fast(const torvasin_key_value_list* list, void* user);
 
 // ---- Configuration, on the thread that runs startCycle -----------------------------------------
 
+// Prepares a record for a configuration: no items, and the address that holds until a file gives
+// another. The record must not move afterwards.
+void init_snmp_module(snmp_module* module);
+
 // Reads a file, and the files that it includes, into the module. Logs and skips faulty lines; all
 // other lines take effect. Returns -1 when the file cannot be read, when one of its lines is not an
 // ini line, or when MAX_OPEN_FILES files are open or MAX_FILES have been read already. A file that
