@@ -1,12 +1,12 @@
-// The engine's key/value list, the opaque torvasin_key_value_list of module/torvasin.h, with the
-// torvasin_keyValueListGet functions that read it:
-//  - GetS finds texts only;
-//  - GetIU finds unsigned values and signed ones, whose bits it gives as they are;
-//  - Get finds a value of any tag.
-// Each returns 0 when it finds, and 1, with the out-parameter untouched, when it does not or when
-// list or key is null.
+// The engine's key/value list: the opaque torvasin_key_value_list of module/torvasin.h. The
+// torvasin_keyValueListGet functions read it:
+//  - GetS finds only texts;
+//  - GetIU finds unsigned values, and signed ones, whose bits it returns unchanged;
+//  - Get finds any value.
+// Each returns 0 if it finds the value. Otherwise, also if list or key is null, it returns 1 and
+// leaves the out-parameter unchanged.
 //
-// Not synchronised: any number of threads may read a list that nobody changes.
+// Not synchronised: several threads may read a list while none changes it.
 
 #ifndef TORVASIN_ENGINE_KEY_VALUE_LIST_H
 #define TORVASIN_ENGINE_KEY_VALUE_LIST_H
@@ -25,8 +25,8 @@ struct torvasin_key_value_list {
   torvasin_key_value_list(const torvasin_key_value_list&) = delete;  // values point into entries
   torvasin_key_value_list& operator=(const torvasin_key_value_list&) = delete;
 
-  // Sets a key, replacing the value it had. Key and text are copied. Returns the key's record: it
-  // stays at its address until the list is cleared, so a list that is kept is refreshed in place.
+  // Sets or replaces the value of a key. Key and text are copied. Returns the value's record, which
+  // stays at its address, so a list that is kept can be refreshed in place.
   torvasin_value* set(const std::string& key, std::uint32_t number) {
     return put(key, {TORVASIN_UINT32, {.uint32 = number}});
   }
@@ -43,9 +43,7 @@ struct torvasin_key_value_list {
     return &changed.value;
   }
 
-  void clear() { entries_.clear(); }
-
-  // The value of a key, or null. Valid until the key is set again or the list is cleared.
+  // Returns the value of a key, valid until the key is set again, or null.
   const torvasin_value* find(std::string_view key) const {
     const auto at = entries_.find(key);
     return at != entries_.end() ? &at->second.value : nullptr;
@@ -57,7 +55,7 @@ struct torvasin_key_value_list {
     std::string text;  // what value.payload.text of a text value points to
   };
   struct hash : std::hash<std::string_view> {
-    using is_transparent = void;  // finds a key without a copy of it
+    using is_transparent = void;  // finds a key without copying it
   };
 
   torvasin_value* put(const std::string& key, torvasin_value value) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -18,22 +19,22 @@ namespace {
 
 using owned_text = std::unique_ptr<char, decltype([](char* text) { std::free(text); })>;
 
-// Blocks are counted but not listed: a list of them would keep a leak checker from seeing leaks.
+// Blocks are only counted: a leak checker would not report a block that a list refers to.
 std::atomic<std::size_t> live_blocks{0};
-std::atomic<std::uint64_t> allocation_calls{0};
 
 using text_map = std::map<std::uintptr_t, owned_text>;  // by the address of the record
 
 std::mutex texts_mutex;
 alignas(text_map) std::byte texts_memory[sizeof(text_map)];
-text_map& texts = *new (texts_memory) text_map;  // never destroyed: threads may outlive main
+text_map& texts =
+    *new (texts_memory) text_map;  // never destroyed, because threads may outlive main
 
 std::uintptr_t address_of(const void* memory) {
   return reinterpret_cast<std::uintptr_t>(memory);
 }
 
-// Takes the texts of the records in the block `from` to the same offsets of the block `to`, as far
-// as its size allows, and releases the others.
+// Moves the texts of the records in the block `from` to the same offsets in the block `to`, as far
+// as its size allows, and frees the others.
 void move_texts(std::uintptr_t from, std::size_t from_size, std::uintptr_t to,
                 std::size_t to_size) {
   auto at = texts.lower_bound(from);
@@ -46,8 +47,8 @@ void move_texts(std::uintptr_t from, std::size_t from_size, std::uintptr_t to,
   }
 }
 
-// Sets a record. A text that is given becomes what it owns; what it owned before is freed. Modules
-// are compiled without exceptions, so none may leave here.
+// Sets a record and frees the text that it owned. If a text is given, the record now owns it.
+// Modules are compiled without exceptions, so none may escape.
 void set_value(torvasin_value* record, torvasin_value value, owned_text text = nullptr) {
   const std::scoped_lock lock(texts_mutex);
   texts.erase(address_of(record));
@@ -73,7 +74,7 @@ torvasin_value text_value(const char* text) {
 
 memory_stats get_memory_stats() {
   const std::scoped_lock lock(texts_mutex);
-  return {live_blocks, texts.size(), allocation_calls};
+  return {live_blocks, texts.size()};
 }
 
 void release_all_texts() {
@@ -94,10 +95,9 @@ void* torvasin_malloc(std::size_t size) {
   return torvasin_realloc(nullptr, size);
 }
 
-// Locked from before the block moves, because its old address may be another block's at once.
+// Locks before the block moves, because another thread may get its old address at once.
 void* torvasin_realloc(void* memory, std::size_t size) {
   const std::scoped_lock lock(texts_mutex);
-  ++allocation_calls;
   const std::uintptr_t old = address_of(memory);
   const std::size_t old_size = malloc_usable_size(memory);
   void* block = std::realloc(memory, size);

@@ -1,39 +1,38 @@
 // The engine's allocator and its value records. Implements torvasin_malloc, torvasin_realloc,
-// torvasin_free and the torvasin_valueInit functions of module/torvasin.h, all callable from any
-// thread. One record is one caller's at a time.
+// torvasin_free and the torvasin_valueInit functions of module/torvasin.h. Any thread may call
+// them, but only one at a time for the same record.
 //
-// The memory is the C library's. The engine adds what a record cannot tell: who owns a text. It is
-// the ADDRESS of the record that holds it. One ordered map, record address -> text, keeps them; the
-// content of a record is never read.
-//  - An init at an address releases what that address owned. Its new text may be the old one.
-//  - torvasin_realloc moves the ownership of every record inside the block with the block, and
-//    releases the texts of the records that a smaller block cuts off.
-//  - torvasin_free releases the texts of the records inside the block.
-//  - release_all_texts, when the engine ends, releases the rest.
-// A record copied by assignment shares the text of the original and does not own it. A null text is
-// kept as an empty one, and so is a text for which there is no memory.
+// The memory comes from the C library. The engine adds what a record cannot tell: who owns a text.
+// The owner is the ADDRESS of the record. One ordered map from addresses to texts holds them all;
+// the engine never reads the content of a record.
+//  - A torvasin_valueInit function frees the text that the record's address owned. The new text may
+//    be the old one.
+//  - torvasin_realloc moves the texts of all records in the block along with it, and frees those of
+//    the records that a smaller block cuts off.
+//  - torvasin_free frees the texts of the records in the block.
+//  - release_all_texts frees the rest when the engine ends.
+// A record copied by assignment shares the text of the original and does not own it. A null text,
+// or one for which there is no memory, becomes an empty one.
 
 #ifndef TORVASIN_ENGINE_MEMORY_H
 #define TORVASIN_ENGINE_MEMORY_H
 
 #include <cstddef>
-#include <cstdint>
 
 namespace torvasin_engine {
 
 struct memory_stats {
-  std::size_t live_blocks;         // blocks allocated and neither freed nor taken as a text
-  std::size_t live_texts;          // texts that records own, copied or taken
-  std::uint64_t allocation_calls;  // calls of torvasin_malloc and torvasin_realloc since the start
+  std::size_t live_blocks;  // neither freed nor taken as a text
+  std::size_t live_texts;   // that records own, copied or taken
 };
 
 memory_stats get_memory_stats();
 
-// Frees every text that a record still owns. No such record may be read afterwards.
+// Frees all texts that records still own. No such record may be read afterwards.
 void release_all_texts();
 
-// In a forked child: forgets the texts of the parent's records, which stay allocated, and a lock
-// that a thread of the parent may have held.
+// In a forked child: forgets the texts of the parent's records, which stay allocated, and resets a
+// lock that a thread of the parent may have held.
 void reset_memory_in_child();
 
 }  // namespace torvasin_engine

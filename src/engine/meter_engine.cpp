@@ -23,7 +23,7 @@ void* meter_engine::add_callback(int speed, torvasin_meter_callback callback, vo
 void meter_engine::remove_callback(void* handle) {
   const auto id = reinterpret_cast<std::uintptr_t>(handle);
   std::unique_lock lock(mutex_);
-  // Another removal of the same handle may erase the record meanwhile: it is looked up anew.
+  // Looked up anew each time, because another thread may remove the same handle meanwhile.
   idle_.wait(lock, [&] {
     const auto at = registrations_.find(id);
     if (at == registrations_.end()) return true;
@@ -35,8 +35,8 @@ void meter_engine::remove_callback(void* handle) {
 
 void meter_engine::publish(int speed, const torvasin_key_value_list& list) {
   std::unique_lock lock(mutex_);
-  // The record of a call in progress is never erased, and the lock is held again before the loop
-  // leaves it: the iteration survives additions and removals during the call.
+  // Additions and removals during a call do not disturb the iteration: the record of a call in
+  // progress is never erased, and the loop moves on only under the lock.
   for (auto& [id, record] : registrations_) {
     if (record.speed != speed || record.leaving) continue;
     ++record.calls;
@@ -76,8 +76,8 @@ struct schedule {
   clock::time_point next;
 };
 
-// The mask of this thread, and of those that it starts meanwhile, without the signals that others
-// send. A fault of a thread's own cannot be blocked.
+// While one exists, this thread and those that it starts block the signals that others send, but
+// not those that an instruction causes.
 class signals_blocked {
  public:
   signals_blocked() {
@@ -106,7 +106,7 @@ void run(const std::stop_token& stop, std::vector<schedule> speeds,
     stopped.wait_until(lock, stop, due.next, [] { return false; });
     if (stop.stop_requested()) return;
     publish_meters(publisher, due.speed);
-    due.next = std::max(due.next + due.period, clock::now());  // periods missed are not made up for
+    due.next = std::max(due.next + due.period, clock::now());  // missed periods are skipped
   }
 }
 
