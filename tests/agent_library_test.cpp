@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <torvasin_agent.h>
 #include <unistd.h>
@@ -21,6 +22,13 @@
 // LeakSanitizer asks this. In a forked child, memory of the parent's threads would look leaked.
 static bool is_child = false;
 extern "C" int __lsan_is_turned_off() { return is_child; }  // NOLINT(bugprone-reserved-identifier)
+
+// What the library calls to bind.
+static int bind_error = 0;
+extern "C" [[gnu::visibility("default")]] int bind(int fd, const sockaddr* address, socklen_t size) {
+  if ((errno = bind_error) != 0) return -1;
+  return static_cast<int>(syscall(SYS_bind, fd, address, size));
+}
 
 namespace {
 
@@ -66,10 +74,10 @@ TEST(agent_library, refuses_names_that_no_item_can_have_and_lists_the_others) {
     string name, words;
   } rows[] = {{string(127, 'a'), ""},
               {"a;b c", ""},
-              {"a;b c", "there is a meter 'a;b c' already"},
+              {"a;b c", "there is already a meter 'a;b c'"},
               {"", "a meter needs a name"},
               {string(128, 'a'), "at most 127 octets"},
-              {"a]", "has a ']'"},
+              {"a]", "contains a ']'"},
               {"a\nb", "a control character"},
               {"a ", "begins or ends with a blank"},
               {" a", "begins or ends"},
@@ -91,24 +99,41 @@ TEST(agent_library, says_why_it_does_not_start_and_goes_on_when_it_does_not_relo
   ASSERT_EQ(torvasin_agent_start(other.get()), 0) << fault(other);
   const struct {
     string lines, port, ip, words;
+    int error = 0;
   } rows[] = {{"gone", "0", "127.0.0.1", path + ": No such file or directory"},
-              {"[ITEM_b]\nmeter = m", "0", "127.0.0.1", "error missing oid: 0 b: give it an oid in [ITEM_b]"},
-              {items, port_of(other), "127.0.0.1", "Address already in use: another program or agent has this port"},
-              {items, "0", "192.0.2.1", "Cannot assign requested address: this machine has no such address"}};
+              {"[ITEM_b]\nmeter = m", "0", "127.0.0.1", "error missing oid: 0 b: add an oid to [ITEM_b]"},
+              {items, port_of(other), "127.0.0.1", "Address already in use: another program or agent uses this port"},
+              {items, "0", "192.0.2.1", "Cannot assign requested address: this machine does not have this address"},
+              {items, "0", "127.0.0.1", "Permission denied: a port below 1024 requires a privilege", EACCES}};
   for (const auto call : {torvasin_agent_start, torvasin_agent_reload}) {
     const string before = torvasin_agent_address(agent.get());
-    for (const auto& [lines, port, ip, words] : rows) {
+    for (const auto& [lines, port, ip, words, error] : rows) {
       with_file(lines, port, ip);
+      bind_error = error;
       if (lines == "gone") std::filesystem::remove(path);
       EXPECT_EQ(call(agent.get()), -1) << words;
       EXPECT_NE(fault(agent).find(words), string::npos) << fault(agent);
       EXPECT_EQ(torvasin_agent_address(agent.get()), before) << words;
     }
     with_file(items);
+    bind_error = 0;
     EXPECT_EQ(torvasin_agent_start(agent.get()), before.empty() ? 0 : -1) << fault(agent);
     EXPECT_EQ(ask(agent, 1), "0 0: 1.3.1=410100");
   }
-  EXPECT_EQ(fault(agent), "the agent is started already");
+  EXPECT_EQ(fault(agent), "the agent is already started");
+}
+
+TEST(agent_library, reads_a_pipe_once) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const string text = "[General]\nport = 0\n" + items, fifo = "/dev/fd/" + std::to_string(ends[0]);
+  const agent_owner agent(torvasin_agent_create(fifo.c_str()));
+  ASSERT_GT(write(ends[1], text.data(), text.size()), 0);
+  close(ends[1]);
+  EXPECT_EQ(torvasin_agent_start(agent.get()), 0) << fault(agent);
+  EXPECT_EQ(torvasin_agent_reload(agent.get()), -1);
+  EXPECT_EQ(fault(agent), fifo + ": Not a regular file");
+  close(ends[0]);
 }
 
 TEST(agent_library, has_all_values_in_its_first_answer_and_after_a_reload) {
@@ -133,6 +158,13 @@ TEST(agent_library, has_all_values_in_its_first_answer_and_after_a_reload) {
 
 TEST(agent_library, loses_no_addition_while_it_publishes_and_answers) {
   const agent_owner agent = with_file(items);
+  static std::atomic<bool> quiet = false;
+  const auto collect = [](torvasin_agent*, int, void*) {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    if (sigismember(&blocked, SIGTERM) > sigismember(&blocked, SIGSEGV)) quiet = true;
+  };
+  torvasin_agent_set_collect(agent.get(), collect, nullptr);
   torvasin_agent_set_periods(agent.get(), 1, 1);
   torvasin_counter* counter = torvasin_agent_counter(agent.get(), "c", "");
   torvasin_text* text = torvasin_agent_text(agent.get(), "t", "");
@@ -149,6 +181,7 @@ TEST(agent_library, loses_no_addition_while_it_publishes_and_answers) {
   for (std::thread& each : threads) each.join();
   EXPECT_EQ(torvasin_agent_publish(agent.get()), 0);
   EXPECT_EQ(ask(agent, 1), "0 0: 1.3.1=4103027100");  // 160,000
+  EXPECT_TRUE(quiet) << "collect in the thread meters";
 }
 
 TEST(agent_library, refuses_from_inside_collect_what_would_wait_for_it) {
@@ -165,7 +198,7 @@ TEST(agent_library, refuses_from_inside_collect_what_would_wait_for_it) {
   torvasin_agent_set_collect(agent.get(), collect, torvasin_agent_gauge(agent.get(), "g", ""));
   EXPECT_EQ(torvasin_agent_start(agent.get()), 0) << fault(agent);
   EXPECT_EQ(ask(agent, 2), "0 0: 1.3.1=410100 1.3.2=020129");
-  EXPECT_TRUE(words.starts_with("-1start is called from inside collect\n-1stop is")) << words;
+  EXPECT_TRUE(words.starts_with("-1start cannot be called from inside collect\n-1stop cannot")) << words;
   EXPECT_EQ(torvasin_agent_publish(agent.get()), -1);
   EXPECT_EQ(fault(agent), "no values");
 }
@@ -198,6 +231,18 @@ TEST(agent_library, leaves_a_forked_child_no_port_and_nothing_to_wait_for) {
   int status = -1;
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
+}
+
+TEST(agent_library, may_be_stopped_while_the_log_function_waits_for_a_thread_that_forks) {
+  static int lines = 0;
+  const auto log = [](int, const char*, int, const char*, void*) {
+    std::thread([] { fork() == 0 ? _exit(0) : void(wait(nullptr)); }).join();
+    lines++;
+  };
+  torvasin_agent_set_log(log, nullptr, 2);
+  EXPECT_EQ(torvasin_agent_start(with_file(items).get()), 0);
+  torvasin_agent_set_log(nullptr, nullptr, 2);
+  EXPECT_EQ(lines, 2);  // of the stop
 }
 
 TEST(agent_library, writes_a_log_that_neither_floods_nor_controls_a_terminal) {

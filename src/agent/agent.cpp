@@ -1,9 +1,7 @@
 #include "agent/agent.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +14,7 @@
 
 #include "agent/process.h"
 #include "engine/log.h"
+#include "engine/readable.h"
 #include "module/snmp/mainsnmp.h"
 
 using namespace torvasin_agent_library;
@@ -30,31 +29,44 @@ constexpr const char* default_conf_file = "snmpmanager.ini";
   throw std::runtime_error(words);
 }
 
-// Opened without waiting, for a pipe may have no writer yet.
-void require_readable(const string& path) {
-  const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  struct stat status = {};
-  int error = file < 0 || fstat(file, &status) != 0 ? errno : 0;
-  if (error == 0 && S_ISDIR(status.st_mode)) error = EISDIR;
-  if (file >= 0) close(file);
-  if (error != 0) refuse(path + ": " + std::strerror(error));
+void require_readable(const string& path, torvasin_engine::reading which) {
+  const string fault = torvasin_engine::file_fault(path, which);
+  if (!fault.empty()) refuse(path + ": " + fault);
 }
+
+// The module starts without its file if it cannot open it.
+void require_opened(const snmp_module& module, const string& path) {
+  if (module.files_read == 0) refuse(path + ": cannot be opened; perhaps too many files are open");
+}
+
+// Holds back what its thread logs, and logs it at its end. An exception of the program's log
+// function costs the remaining lines.
+struct held_log : log_capture {
+  held_log() : log_capture(hold) {}
+  ~held_log() {
+    try {
+      if (is_needed) release();
+    } catch (...) {  // NOLINT(bugprone-empty-catch)
+    }
+  }
+  bool is_needed = true;
+};
 
 string advice_for_bind(int error) {
   switch (error) {
     case EACCES:
-      return ": a port below 1024 needs a privilege (CAP_NET_BIND_SERVICE); set another one with "
-             "port in [General]";
+      return ": a port below 1024 requires a privilege (CAP_NET_BIND_SERVICE); set another port in "
+             "[General]";
     case EADDRINUSE:
-      return ": another program or agent has this port; set another one with port in [General]";
+      return ": another program or agent uses this port; set another port in [General]";
     case EADDRNOTAVAIL:
-      return ": this machine has no such address; set one of its own with ip in [General]";
+      return ": this machine does not have this address; set another ip in [General]";
     default:
       return "";
   }
 }
 
-// The module's last words with what to do about them.
+// The module's last words, with advice.
 string explained(const string& words) {
   int error = 0;
   unsigned item = 0;
@@ -63,8 +75,7 @@ string explained(const string& words) {
     return words + advice_for_bind(error);
   }
   if (std::sscanf(words.c_str(), "error missing oid: %u %n", &item, &name) == 1 && name > 0) {
-    return words + ": give it an oid in [ITEM_" + words.substr(static_cast<std::size_t>(name)) +
-           "]";
+    return words + ": add an oid to [ITEM_" + words.substr(static_cast<std::size_t>(name)) + "]";
   }
   return words.empty() ? "the module did not start" : words;
 }
@@ -76,8 +87,8 @@ sockaddr_in address_of(int socket) {
   return address;
 }
 
-// Refuses an address that cannot be bound. The agent's own, which it gives back first, may be
-// taken; but whether the process may still bind it shows here too.
+// Refuses an address that cannot be bound. The agent's own is in use, but a reload gives it back
+// first.
 void require_bindable(const snmp_module& wanted, int running_socket) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
@@ -99,32 +110,10 @@ void require_bindable(const snmp_module& wanted, int running_socket) {
          std::strerror(error) + advice_for_bind(error));
 }
 
-// A configuration read into a record of its own, which no socket and no thread belongs to.
-class trial_configuration {
- public:
-  explicit trial_configuration(const string& name) : module_(std::make_unique<snmp_module>()) {
-    module_->port = 161;
-    std::strcpy(module_->ip, "127.0.0.1");
-    module_->formula_vars = {"value", &module_->formula_value, TE_VARIABLE, nullptr};
-    name.copy(context_.name, sizeof context_.name - 1);
-    context_.private_data = module_.get();
-  }
-  trial_configuration(const trial_configuration&) = delete;
-  trial_configuration& operator=(const trial_configuration&) = delete;
-  ~trial_configuration() { release_items(module_.get()); }
-
-  // Returns whether a start can use the file. A faulty line does not prevent it.
-  bool read(const string& path) {
-    parse_config_file(&context_, path.c_str());
-    return module_->bindings == nullptr || link_snmp_items(module_.get()) == 0;
-  }
-
-  const snmp_module& module() const { return *module_; }
-
- private:
-  std::unique_ptr<snmp_module> module_;
-  torvasin_plugin_context context_ = {};
-};
+using trial_module = std::unique_ptr<snmp_module, decltype([](snmp_module* module) {
+                                       release_items(module);
+                                       delete module;
+                                     })>;
 
 }  // namespace
 
@@ -139,7 +128,7 @@ torvasin_agent::~torvasin_agent() {
 
 void torvasin_agent::refuse_in_child() const {
   if (of_parent) {
-    refuse("this process was forked from the one in which the agent runs: create another agent");
+    refuse("this process was forked from the one that started the agent; create another agent");
   }
 }
 
@@ -148,33 +137,52 @@ void torvasin_agent::set_fault(std::string_view words) {
   fault[words.copy(fault, sizeof fault - 1)] = '\0';
 }
 
+// A child can use only agents that are not active. The meters of an active one are not locked here:
+// a publication holds them, and may wait for the program's log function.
+void torvasin_agent::hold_for_fork() {
+  settings_mutex.lock();
+  if (!active) meters.lock();
+}
+
+void torvasin_agent::release_after_fork() {
+  if (!active) meters.unlock();
+  settings_mutex.unlock();
+}
+
 void torvasin_agent::reset_in_child() {
+  release_after_fork();
   new (&control) std::mutex;
   new (&publishing) std::mutex;
   new (&words_mutex) std::mutex;
-  new (&settings_mutex) std::mutex;
-  meters.reset_in_child();
-  if (socket >= 0) close(socket.exchange(-1));
-  if (active) of_parent = true;
+  if (active && !of_parent) {
+    close(socket);
+    of_parent = true;
+  }
   address[0] = '\0';
 }
 
+void torvasin_agent::refuse_inside_collect(const char* call) const {
+  if (collector == std::this_thread::get_id()) {
+    refuse(string(call) + " cannot be called from inside collect");
+  }
+}
+
 void torvasin_agent::start() {
-  if (inside_collect()) refuse("start is called from inside collect");
+  refuse_inside_collect("start");
   const std::scoped_lock lock(control);
-  if (running) refuse("the agent is started already");
-  require_readable(conf_file);
+  if (running) refuse("the agent is already started");
+  require_readable(conf_file, torvasin_engine::first_reading);
   begin();
 }
 
-void torvasin_agent::stop() {
-  if (inside_collect()) refuse("stop is called from inside collect");
+void torvasin_agent::stop(const char* call) {
+  refuse_inside_collect(call);
   const std::scoped_lock lock(control);
   if (running) end();
 }
 
 void torvasin_agent::reload() {
-  if (inside_collect()) refuse("reload is called from inside collect");
+  refuse_inside_collect("reload");
   const std::scoped_lock lock(control);
   if (!running) refuse("the agent is not started");
   check_new_configuration();
@@ -183,43 +191,41 @@ void torvasin_agent::reload() {
 }
 
 void torvasin_agent::publish() {
-  if (inside_collect()) refuse("publish is called from inside collect");
+  refuse_inside_collect("publish");
   const std::scoped_lock lock(control);
   if (!running) refuse("the agent is not started");
   for (const int speed : {TORVASIN_FAST, TORVASIN_SLOW}) publish_speed(speed);
 }
 
-// What the trial logs would come a second time with the start, so it is logged only if there is
-// none.
+// Reads the file as a start would, into a record without socket and thread. The start will log the
+// same lines, so they are logged here only if there is none.
 void torvasin_agent::check_new_configuration() const {
-  require_readable(conf_file);
-  log_capture lines(log_capture::hold);
-  try {
-    trial_configuration wanted(used.name);
-    if (!wanted.read(conf_file)) refuse(explained(lines.last_words()));
-    require_bindable(wanted.module(), socket);
-  } catch (...) {
-    lines.release();
-    throw;
+  require_readable(conf_file, torvasin_engine::another_reading);
+  held_log lines;
+  const trial_module wanted(new snmp_module);
+  init_snmp_module(wanted.get());
+  torvasin_plugin_context trial = context;
+  trial.private_data = wanted.get();
+  parse_config_file(&trial, conf_file.c_str());
+  require_opened(*wanted, conf_file);
+  if (wanted->bindings != nullptr && link_snmp_items(wanted.get()) != 0) {
+    refuse(explained(lines.last_words()));
   }
+  require_bindable(*wanted, socket);
+  lines.is_needed = false;
 }
 
-// The socket is bound before the first publication and answers after it: what a client asks
-// meanwhile waits in the socket.
+// The socket is bound before the first publication and answered after it. Requests that arrive in
+// between wait in the socket.
 void torvasin_agent::begin() {
   {
     const std::scoped_lock lock(settings_mutex);
     used = settings;
   }
-  active = true;
-  try {
-    start_module();
-  } catch (...) {
-    active = false;
-    throw;
-  }
+  start_module();
   running = true;
   try {
+    require_opened(*static_cast<snmp_module*>(context.private_data), conf_file);
     for (const int speed : {TORVASIN_FAST, TORVASIN_SLOW}) publish_speed(speed);
     const log_capture lines(log_capture::pass);
     plugin_entry_0_6.startThread(&context);
@@ -229,7 +235,7 @@ void torvasin_agent::begin() {
     thread.emplace("meters", used.fast_ms, used.slow_ms,
                    [this](int speed) { publish_speed(speed); });
   } catch (...) {
-    end();
+    if (!of_parent) end();
     throw;
   }
 }
@@ -243,9 +249,10 @@ void torvasin_agent::start_module() {
   used.name.copy(context.name, sizeof context.name - 1);
   context.engine = &engine;
 
+  const held_log lines;  // which outlives the guard
   const fork_guard forks = hold_forks();
-  const log_capture lines(log_capture::pass);
-  if (plugin_entry_0_6.startCycle(&context, &list) != 0) refuse(explained(lines.last_words()));
+  active = plugin_entry_0_6.startCycle(&context, &list) == 0;
+  if (!active) refuse(explained(lines.last_words()));
   socket = static_cast<snmp_module*>(context.private_data)->fd;
   const sockaddr_in bound = address_of(socket);
   char ip[IP_TEXT_SIZE];
@@ -255,15 +262,15 @@ void torvasin_agent::start_module() {
 
 void torvasin_agent::end() {
   thread.reset();
-  // Wakes the module's thread, which waits a second for a datagram: on Linux it gets an empty one
-  // at once, whatever the call returns for a socket without a peer. It then sees its stop.
+  // The module's thread waits up to a second for a datagram. On Linux, shutdown ends this wait at
+  // once, although the call itself fails for a socket without a peer.
   shutdown(socket, SHUT_RD);
   plugin_entry_0_6.preStopCycle(&context);
+  running = false;
+  const held_log lines;
   const fork_guard forks = hold_forks();
-  socket = -1;
   plugin_entry_0_6.stopCycle(&context, 0);
   address[0] = '\0';
-  running = false;
   active = false;
 }
 
@@ -278,6 +285,7 @@ void torvasin_agent::publish_speed(int speed) {
       std::atomic<std::thread::id>& thread;
     } inside(collector);
     used.collect(this, speed, used.user);
+    refuse_in_child();  // collect forked, and this is the child
   }
   meters.with_list([&](const torvasin_key_value_list& list) { engine.publish(speed, list); });
 }

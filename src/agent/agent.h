@@ -1,9 +1,9 @@
-// An agent: the module, an engine and meters of its own, from the start to the stop.
+// An agent: the module together with an engine and meters of its own.
 //
-// Locks, in this order. `control` is held by a start, a stop, a reload and a publication of the
-// program's; `publishing` by any publication. The lock of the meters is held while values go into
-// the module, but not while collect runs, which may add meters. A collect runs on the thread that
-// holds `publishing`, and takes neither of the first two: the calls that would are refused there.
+// Locks, in this order. start, stop, reload and publish hold `control`; every publication holds
+// `publishing`. The lock of the meters is held while values go into the module, but not while
+// collect runs, which may add meters. collect runs on the thread that holds `publishing`; there,
+// the calls that would take one of the first two are refused.
 
 #ifndef TORVASIN_AGENT_AGENT_H
 #define TORVASIN_AGENT_AGENT_H
@@ -41,19 +41,20 @@ struct torvasin_agent {
   torvasin_agent& operator=(const torvasin_agent&) = delete;
   ~torvasin_agent();  // of an agent that is stopped
 
-  // These throw std::exception with the words for the fault. They refuse to run inside collect, and
-  // in a forked child whose parent had started the agent.
+  // These throw a std::exception whose text becomes the fault. They refuse to run inside collect.
   void start();
-  void stop();
+  void stop(const char* call = "stop");  // call: what to name in the refusal
   void reload();
   void publish();
 
-  bool inside_collect() const { return collector == std::this_thread::get_id(); }
   bool is_of_parent() const { return of_parent; }
-  void refuse_in_child() const;
+  void refuse_in_child() const;  // throws if the parent had started the agent
   void set_fault(std::string_view words);
 
-  // In a forked child.
+  // Called on the thread that forks, under fork_lock: before the fork, after it in the parent, and
+  // after it in the child.
+  void hold_for_fork();
+  void release_after_fork();
   void reset_in_child();
 
   const std::string conf_file;
@@ -69,6 +70,7 @@ struct torvasin_agent {
   void begin();  // these two under control
   void end();
   void start_module();
+  void refuse_inside_collect(const char* call) const;
   void check_new_configuration() const;
   void publish_speed(int speed);
 
@@ -81,9 +83,9 @@ struct torvasin_agent {
   torvasin_engine::meter_engine engine;
   std::optional<torvasin_engine::meter_thread> thread;
   bool running = false;                    // under control
-  std::atomic<bool> active{false};         // running, or about to: a fork leaves threads and locks
-  std::atomic<bool> of_parent{false};      // in a forked child: was active there
-  std::atomic<int> socket{-1};             // the module's; under fork_lock
+  bool active = false;                     // the module is started; under control and fork_lock
+  int socket = -1;                         // of the active module; as above
+  std::atomic<bool> of_parent{false};      // in a forked child: was active in the parent
   std::atomic<std::thread::id> collector;  // the thread that is inside collect
 };
 

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 
 namespace torvasin_agent_library {
@@ -14,30 +13,31 @@ namespace {
 using std::string;
 using std::string_view;
 
-constexpr std::size_t most_name_octets = 127;  // the module cuts an item's meter there
+constexpr std::size_t most_name_octets = 127;  // an item of the module holds no more
 constexpr std::size_t most_description_octets = 180;
+constexpr std::uint32_t not_set = UINT32_MAX;  // tags a value that the module is to ignore
 
 bool is_control(char octet) {
   return (octet >= 0 && octet < ' ') || octet == '\x7f';
 }
 
-// Why an ini file could not give this name back, or an empty text. A ';' behind a blank begins a
-// comment, and a value stands behind one.
+// Returns why an ini file cannot hold a name, or an empty text. There, a ';' after a blank begins a
+// comment, and a value follows a blank.
 string name_fault(string_view name) {
   if (name.empty()) return "a meter needs a name";
-  if (name.size() > most_name_octets) return "the name of a meter has at most 127 octets";
-  if (std::ranges::any_of(name, is_control)) return "the name of a meter has a control character";
-  const string quoted = "the name of a meter, '" + string(name) + "', ";
-  if (name.find(']') != string::npos) return quoted + "has a ']'";
+  if (name.size() > most_name_octets) return "a meter's name has at most 127 octets";
+  if (std::ranges::any_of(name, is_control)) return "a meter's name contains a control character";
+  const string quoted = "a meter's name, '" + string(name) + "', ";
+  if (name.find(']') != string::npos) return quoted + "contains a ']'";
   if (name.front() == ' ' || name.back() == ' ') return quoted + "begins or ends with a blank";
   if ((' ' + string(name)).find(" ;") != string::npos) {
-    return quoted + "has a ';' at its beginning or behind a blank";
+    return quoted + "has a ';' at its beginning or after a blank";
   }
   return "";
 }
 
-// A description as a value of an ini file can be: in one line that is not too long, without what
-// begins a comment.
+// Fits a description into one line of an ini file: replaces control characters and semicolons that
+// would begin a comment, and cuts what is too long.
 string as_ini_value(string_view description) {
   string value;
   for (const char octet : description) {
@@ -46,7 +46,7 @@ string as_ini_value(string_view description) {
   }
   if (value.size() > most_description_octets) {
     std::size_t end = most_description_octets;
-    while (end > 0 && (value[end] & '\xC0') == '\x80') --end;  // not inside a character of UTF-8
+    while (end > 0 && (value[end] & '\xC0') == '\x80') --end;  // not within a UTF-8 character
     value.resize(end);
   }
   return value;
@@ -71,12 +71,18 @@ void meter_store::keep(std::unique_ptr<meter> added, const char* name, const cha
   const string fault = name_fault(added->name);
   if (!fault.empty()) throw std::runtime_error(fault);
   const std::scoped_lock lock(mutex_);
-  if (std::ranges::find(meters_, added->name, [](const auto& each) -> const string& {
-        return each->name;
-      }) != meters_.end()) {
-    throw std::runtime_error("there is a meter '" + added->name + "' already");
+  if (list_.find(added->name) != nullptr) {
+    throw std::runtime_error("there is already a meter '" + added->name + "'");
   }
   meters_.push_back(std::move(added));
+  try {
+    meter& last = *meters_.back();
+    last.published = list_.set(last.name, std::uint32_t{0});
+    last.published->type = not_set;
+  } catch (...) {
+    meters_.pop_back();
+    throw;
+  }
 }
 
 void meter_store::refresh(meter& each) {
@@ -85,7 +91,6 @@ void meter_store::refresh(meter& each) {
     const std::unique_ptr<string> text(each.new_text.exchange(nullptr));
     list_.set(each.name, std::move(*text));
   } else if (each.is_set.load(std::memory_order_acquire)) {
-    if (each.published == nullptr) each.published = list_.set(each.name, std::uint32_t{0});
     *each.published = value_of(each.type, each.bits.load(std::memory_order_relaxed));
   }
 }
@@ -101,16 +106,12 @@ void meter_store::write(const char* path) const {
       all += "description = " + as_ini_value(each->description) + '\n';
     }
   }
-  if (path == nullptr) throw std::runtime_error("no path to write the meters to");
+  if (path == nullptr) throw std::runtime_error("write_meters needs a path");
   const auto fail = [&] { throw std::runtime_error(string(path) + ": " + std::strerror(errno)); };
   std::FILE* file = std::fopen(path, "we");
   if (file == nullptr) fail();
   const bool written = std::fwrite(all.data(), 1, all.size(), file) == all.size();
   if ((std::fclose(file) != 0) || !written) fail();
-}
-
-void meter_store::reset_in_child() {
-  new (&mutex_) std::mutex;
 }
 
 }  // namespace torvasin_agent_library

@@ -1,4 +1,4 @@
-// The meters of an agent: their values, which any thread sets, and the list that is published.
+// The meters of an agent: values that any thread sets, and the list that the agent publishes.
 
 #ifndef TORVASIN_AGENT_METERS_H
 #define TORVASIN_AGENT_METERS_H
@@ -16,8 +16,8 @@
 
 namespace torvasin_agent_library {
 
-// One meter. Its value takes no lock, so that a signal handler may set a number, and so that no
-// lock of a text is lost to a thread that a fork leaves behind.
+// One meter. Setting its value takes no lock: a signal handler may set a number, and a forked child
+// finds no lock that a thread of the parent held.
 struct meter {
   explicit meter(torvasin_value_type of_type, bool counting = false)
       : type(of_type), counts(counting), is_set(counting) {}
@@ -39,9 +39,9 @@ struct meter {
   const bool counts;
   std::string name;
   std::string description;
-  torvasin_value* published = nullptr;  // in the list, once it is there
+  torvasin_value* published = nullptr;  // its record in the list
 
-  std::atomic<std::uint32_t> bits{0};  // of a number, as it lies in the value's payload
+  std::atomic<std::uint32_t> bits{0};  // of a number, as in the value's payload
   std::atomic<bool> is_set;
   std::atomic<std::string*> new_text{nullptr};  // owned: set, but not yet in the list
 };
@@ -52,8 +52,7 @@ static_assert(std::atomic<std::uint32_t>::is_always_lock_free &&
 
 class meter_store {
  public:
-  // Adds a meter and returns it. Throws std::runtime_error with the reason when its name is
-  // refused.
+  // Adds a meter and returns it. Throws std::runtime_error with the reason if it refuses the name.
   template <typename kind>
   kind* add(const char* name, const char* description) {
     auto added = std::make_unique<kind>();
@@ -62,8 +61,7 @@ class meter_store {
     return handle;
   }
 
-  // Calls publish with the list, in which it puts the current values first. No meter is added
-  // meanwhile.
+  // Puts the current values into the list and passes it to publish. Additions wait meanwhile.
   template <typename function>
   void with_list(const function& publish) {
     const std::scoped_lock lock(mutex_);
@@ -74,16 +72,17 @@ class meter_store {
   // Writes the list of meters in ini form. Throws std::runtime_error.
   void write(const char* path) const;
 
-  // In a forked child: forgets a lock that a thread of the parent may have held.
-  void reset_in_child();
+  // Locks out additions and publications: around a fork.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
 
  private:
   void keep(std::unique_ptr<meter> added, const char* name, const char* description);
   void refresh(meter& each);
 
-  mutable std::mutex mutex_;  // guards the others, but not the values of meters
+  mutable std::mutex mutex_;  // guards the members below, but not the values of meters
   std::vector<std::unique_ptr<meter>> meters_;
-  torvasin_key_value_list list_;
+  torvasin_key_value_list list_;  // has a record for each meter
 };
 
 }  // namespace torvasin_agent_library

@@ -16,10 +16,9 @@ namespace {
 
 using namespace torvasin_engine;
 
-// All of it under fork_lock, and never destroyed: threads may outlive main. Recursive, so that a
-// log function that forks does not wait for itself.
+// Guarded by fork_lock. Never destroyed, because threads may outlive main.
 struct process_state {
-  std::recursive_mutex fork_lock;
+  std::mutex fork_lock;
   std::set<torvasin_agent*> agents;
   program_log log = nullptr;
   void* user = nullptr;
@@ -29,24 +28,33 @@ process_state& state = *new (state_memory) process_state;
 
 void pass_to_program(const log_record& record, void* /*user*/) {
   const char* text = record.text.data();  // NOLINT(bugprone-suspicious-stringview-data-usage)
-  state.log(record.level, record.source, record.line, text, state.user);  // a zero ends it
+  state.log(record.level, record.source, record.line, text, state.user);  // ends with a zero
 }
 
-// The child has one thread, and what the others were doing is half-done.
+void hold_for_fork() {
+  state.fork_lock.lock();
+  for (torvasin_agent* agent : state.agents) agent->hold_for_fork();
+}
+
+void release_after_fork() {
+  for (torvasin_agent* agent : state.agents) agent->release_after_fork();
+  state.fork_lock.unlock();
+}
+
+// The child has only this thread. What the others were changing may be half changed.
 void reset_in_child() {
-  new (&state.fork_lock) std::recursive_mutex;  // it belongs to the parent's thread
   reset_log_in_child();
   reset_memory_in_child();
   reset_default_log_in_child();
   for (torvasin_agent* agent : state.agents) agent->reset_in_child();
+  state.fork_lock.unlock();
 }
 
-// Done once, under fork_lock.
+// Takes effect once. Called under fork_lock.
 void prepare() {
   static bool done = false;
   if (done) return;
-  if (pthread_atfork([] { state.fork_lock.lock(); }, [] { state.fork_lock.unlock(); },
-                     reset_in_child) != 0) {
+  if (pthread_atfork(hold_for_fork, release_after_fork, reset_in_child) != 0) {
     throw std::bad_alloc();
   }
   log_to_standard_error();

@@ -1,6 +1,8 @@
-// The functions of torvasin_agent.h. No exception leaves them, and each takes a null pointer.
+// The functions of torvasin_agent.h. They let no exception out and accept null pointers.
 
 #include "agent/torvasin_agent.h"
+
+#include <pthread.h>
 
 #include <bit>
 #include <exception>
@@ -13,23 +15,28 @@ namespace {
 
 using torvasin_agent_library::agent_settings;
 
-// Runs a call that can fail, and keeps why it did. Returns whether it succeeded.
+// Runs a call that can fail and sets the fault. Returns whether the call succeeded. If its thread
+// is cancelled meanwhile, it ends later, because no exception may unwind it here.
 template <typename function>
 bool succeeds(torvasin_agent* agent, const function& call) noexcept {
   if (agent == nullptr) return false;
+  bool success = false;
+  int cancelling;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
   try {
     agent->refuse_in_child();
     call();
     agent->set_fault("");
-    return true;
+    success = true;
   } catch (const std::bad_alloc&) {
-    agent->set_fault("there is no memory");
+    agent->set_fault("out of memory");
   } catch (const std::exception& error) {
     agent->set_fault(error.what());
   } catch (...) {
     agent->set_fault("collect threw an unknown exception");
   }
-  return false;
+  pthread_setcancelstate(cancelling, nullptr);
+  return success;
 }
 
 int status(bool success) {
@@ -50,7 +57,7 @@ void change(torvasin_agent* agent, const function& setting) noexcept {
   try {
     setting(agent->settings);
   } catch (const std::exception&) {
-    return;  // no memory for it: the setting stays
+    return;  // out of memory: the setting stays
   }
 }
 
@@ -64,9 +71,9 @@ torvasin_agent* torvasin_agent_create(const char* conf_file) {
   }
 }
 
-// In a forked child the agent stays allocated: lost threads may hold its locks.
+// In a forked child the agent stays allocated, because threads of the parent may hold its locks.
 void torvasin_agent_destroy(torvasin_agent* agent) {
-  if (succeeds(agent, [&] { agent->stop(); })) delete agent;
+  if (succeeds(agent, [&] { agent->stop("destroy"); })) delete agent;
 }
 
 int torvasin_agent_start(torvasin_agent* agent) {
@@ -170,7 +177,7 @@ void torvasin_text_set(torvasin_text* text, const char* value) {
   try {
     text->set_text(std::make_unique<std::string>(value != nullptr ? value : ""));
   } catch (const std::exception&) {
-    return;  // no memory for it: the last one stays
+    return;  // out of memory: the previous one stays
   }
 }
 
@@ -178,6 +185,6 @@ void torvasin_agent_set_log(torvasin_agent_library::program_log log, void* user,
   try {
     torvasin_agent_library::set_program_log(log, user, lowest_level);
   } catch (const std::exception&) {
-    return;  // no memory for it: the log stays as it is
+    return;  // out of memory: the log stays as it is
   }
 }
