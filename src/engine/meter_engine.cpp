@@ -96,11 +96,11 @@ class signals_blocked {
   sigset_t before_;
 };
 
-void run(const std::stop_token& stop, std::vector<schedule> speeds,
-         const meter_publisher& publisher) {
+// Takes no memory of its own: without it, the process would end here.
+void run(const std::stop_token& stop, std::condition_variable_any& stopped,
+         std::vector<schedule>& speeds, const meter_publisher& publisher) {
   std::mutex mutex;
   std::unique_lock lock(mutex);
-  std::condition_variable_any stopped;
   for (;;) {
     schedule& due = *std::ranges::min_element(speeds, {}, &schedule::next);
     stopped.wait_until(lock, stop, due.next, [] { return false; });
@@ -122,9 +122,10 @@ meter_thread::meter_thread(const char* name, unsigned fast_ms, unsigned slow_ms,
   if (speeds.empty()) return;
   const signals_blocked blocked;
   try {
-    thread_ = std::jthread([speeds, publisher = std::move(publisher)](const std::stop_token& stop) {
-      run(stop, speeds, publisher);
-    });
+    thread_ = std::jthread(
+        [this, speeds, publisher = std::move(publisher)](const std::stop_token& stop) mutable {
+          run(stop, stopped_, speeds, publisher);
+        });
   } catch (const std::system_error& error) {
     throw std::system_error(error.code(), "no thread for the meters");
   }

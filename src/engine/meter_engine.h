@@ -43,7 +43,8 @@ class meter_thread {
   ~meter_thread() = default;
 
  private:
-  std::jthread thread_;
+  std::condition_variable_any stopped_;
+  std::jthread thread_;  // the last member: it uses the other
 };
 
 class meter_engine {
