@@ -5,7 +5,7 @@
 # shellcheck source=tests/lib.sh
 . "$(dirname "$0")/lib.sh"
 
-command -v prometheus-snmp-exporter >/dev/null || { echo 'no prometheus-snmp-exporter: scripts/test has it' && exit 1; }
+command -v prometheus-snmp-exporter >/dev/null || { echo 'no prometheus-snmp-exporter: scripts/test unpacks it' && exit 1; }
 form=$1/examples/snmp.yml
 [ "$(prometheus-snmp-exporter --version 2>&1 | sed -n 's/.*version 0\.\([0-9]*\).*/\1/p')" -ge 25 ] || form=$1/examples/snmp-0.21.yml
 choose_port

@@ -39,15 +39,11 @@ void require_opened(const snmp_module& module, const string& path) {
   if (module.files_read == 0) refuse(path + ": cannot be opened; perhaps too many files are open");
 }
 
-// Holds back what its thread logs, and logs it at its end. An exception of the program's log
-// function costs the remaining lines.
+// Holds back what its thread logs, and logs it at its end.
 struct held_log : log_capture {
   held_log() : log_capture(hold) {}
   ~held_log() {
-    try {
-      if (is_needed) release();
-    } catch (...) {  // NOLINT(bugprone-empty-catch)
-    }
+    if (is_needed) release();
   }
   bool is_needed = true;
 };

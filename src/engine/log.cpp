@@ -64,7 +64,11 @@ bool log_capture::take(const log_record& record) {
 void log_capture::release() {
   for (line& each : std::exchange(held_, {})) {
     each.record.text = each.text;
-    hand_over(each.record);
+    try {
+      hand_over(each.record);
+    } catch (...) {
+      continue;  // this line is lost
+    }
   }
 }
 
