@@ -21,9 +21,9 @@
 //    "Called from". It calls torvasin_log from all of them and also from its own threads, which
 //    call no other host function.
 //  - The module may hold one of its own locks during the call, so the function must not wait:
-//    neither for a reader nor for a lock whose holder waits for one or calls a callback. It may take
-//    a lock that is held briefly. It may write to a file, because the kernel takes that into memory;
-//    a disk too slow for what is written makes it wait all the same. Only
+//    neither for a reader nor for a lock whose holder waits for one or calls a callback. It may
+//    take a lock that is held briefly. It may write to a file, because the kernel takes that into
+//    memory; a disk too slow for what is written makes it wait all the same. Only
 //    torvasin_engine_rmCallbackMeterManager may wait, where its description says so.
 //  - It must not call an entry or a callback, except that torvasin_engine_addCallbackMeterManager
 //    may call the callback that it adds. It must return: no exception or longjmp may leave it.
