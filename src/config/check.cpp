@@ -80,7 +80,7 @@ void check_duplicates(findings& found, const std::vector<item*>& order) {
     if (compare_oid(&item.oid(), &order[first]->oid()) != 0) first = i;
     if (first == i) continue;
     about(found, item, item_key::oid)
-        .warning("{} is also the OID of {} at {}: a GET returns only that one", dotted(item.oid()),
+        .warning("{0} is also the OID of {1} at {2}: a GET returns only {1}", dotted(item.oid()),
                  label_of(order[first]->section), found.text(order[first]->at(item_key::oid)));
   }
 }
