@@ -24,9 +24,9 @@
 // so collect may run while the program's static objects are being destroyed.
 //
 // fork. A child process has no threads of a started agent. Its copy of that agent has no socket and
-// refuses to start. The child may set its meters, destroy it, exit, and create agents of its own.
-// An agent that was stopped when the process forked works in the child. fork waits while an agent
-// reads its file, or opens or closes its socket.
+// refuses to start, stop, reload and publish. The child may set its meters, destroy it, exit, and
+// create agents of its own. An agent that was stopped when the process forked works in the child.
+// fork waits while an agent reads its file, or opens or closes its socket.
 
 #ifndef TORVASIN_AGENT_H
 #define TORVASIN_AGENT_H
@@ -65,7 +65,7 @@ int torvasin_agent_start(torvasin_agent* agent);
 
 // Stops answering and closes the socket. This takes at most 50 ms, plus the time that a running
 // collect needs. Values and settings stay, and the agent can be started again. Returns 0, even if
-// the agent is not started, or -1 inside collect.
+// the agent is not started, or -1 inside collect and in a forked child.
 int torvasin_agent_stop(torvasin_agent* agent);
 
 // Stops the agent and starts it again with the file as it is now. Values stay. It fails, and the
