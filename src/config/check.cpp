@@ -120,7 +120,8 @@ void print_notes(configuration& config) {
   for (const item* each : order) {
     const listed_meter* meter = each->meter;
     if (!each->typed() || each->binding->type != ITEM_UINT || meter == nullptr) continue;
-    if (meter->counts == 1 || !item_takes(ITEM_INT, meter->type)) continue;
+    if (meter->counts == 1) continue;
+    if (!item_takes(ITEM_UINT, meter->type) || !item_takes(ITEM_INT, meter->type)) continue;
     std::cout << fmt::format("note: {}: meter {} is no counter, so int suits it better than uint\n",
                              label_of(each->section), in_quotes(meter->name));
   }
